@@ -1,0 +1,13 @@
+# Warnings for the project's own code, never for its users.
+function(nelo_rpc_own_code target)
+    # Conversions that lose something are warned of, changes of signedness are not; clang counts them to -Wconversion.
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion)
+    if(NELO_RPC_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+endfunction()
+
+if(NELO_RPC_SANITIZE)
+    add_compile_options(-fsanitize=${NELO_RPC_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${NELO_RPC_SANITIZE})
+endif()

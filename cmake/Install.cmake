@@ -1,0 +1,41 @@
+include(CMakePackageConfigHelpers)
+
+set(NELO_RPC_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/nelo-rpc)
+
+install(TARGETS nelo-rpc EXPORT nelo-rpc-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development)
+install(DIRECTORY include/nelo_rpc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development
+    FILES_MATCHING PATTERN "*.h")
+
+# find_package(nelo-rpc)
+install(EXPORT nelo-rpc-targets NAMESPACE nelo_rpc:: DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
+configure_package_config_file(cmake/nelo-rpc-config.cmake.in ${PROJECT_BINARY_DIR}/nelo-rpc-config.cmake
+    INSTALL_DESTINATION ${NELO_RPC_CMAKE_DIR} NO_SET_AND_CHECK_MACRO)
+# Before 1.0 a minor version may change the interface.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/nelo-rpc-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/nelo-rpc-config.cmake ${PROJECT_BINARY_DIR}/nelo-rpc-config-version.cmake
+    DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
+
+# pkg-config nelo-rpc: the prefix is found from where the file lies, because `cmake --install --prefix` may choose
+# another one than was configured.
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+    set(NELO_RPC_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+else()
+    cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+        OUTPUT_VARIABLE up)
+    set(NELO_RPC_PC_PREFIX "\${pcfiledir}/${up}")
+endif()
+foreach(dir LIBDIR INCLUDEDIR)
+    if(IS_ABSOLUTE ${CMAKE_INSTALL_${dir}})
+        set(NELO_RPC_PC_${dir} "${CMAKE_INSTALL_${dir}}")
+    else()
+        set(NELO_RPC_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+    endif()
+endforeach()
+configure_file(cmake/nelo-rpc.pc.in ${PROJECT_BINARY_DIR}/nelo-rpc.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/nelo-rpc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+# To be adapted and copied by whoever sets up a server, therefore documentation and not in force.
+install(FILES packaging/org.example.climate.conf packaging/climate.service
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT Development)
+install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "Eventually.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+
+/// Application code that does not come back, for a kill to end.
+class CHang
+{
+public:
+    /// Blocks the calling thread. Destroys nothing and holds no lock, so it may be cancelled anywhere.
+    void Enter()
+    {
+        m_thread = static_cast<int>(::syscall(SYS_gettid));
+        std::this_thread::sleep_for(std::chrono::seconds(60));
+        m_cameBack = true;
+    }
+
+    /// Whether a thread is in it, and asleep: not on its way through code that must not be interrupted.
+    bool WaitUntilEntered() const
+    {
+        return eventually([this] { return m_thread != 0 && IsAsleep(m_thread); });
+    }
+
+    /// The kernel's id of the thread that entered last.
+    int GetThread() const { return m_thread; }
+
+    /// Whether it was left other than by cancellation.
+    bool CameBack() const { return m_cameBack; }
+
+private:
+    static bool IsAsleep(int thread)
+    {
+        std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string text;
+        std::getline(stat, text);
+        auto const name = text.rfind(") ");
+        return name != std::string::npos && text.compare(name + 2, 1, "S") == 0;
+    }
+
+    std::atomic<int> m_thread{0};
+    std::atomic<bool> m_cameBack{false};
+};
