@@ -6,9 +6,17 @@
 // Ground: what is exported, where log lines go, what the two sides agree on.
 #include <nelo_rpc/Export.h>
 #include <nelo_rpc/Log.h>
+#include <nelo_rpc/Protocol.h>
+
+// Values: what travels.
+#include <nelo_rpc/CCString.h>
+#include <nelo_rpc/CValue.h>
+#include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Values.h>
 
 
 
 
 
-
+// D-Bus: the port, its message bodies, and a port without a bus for tests.
+#include <nelo_rpc/dbusport/DbusMarshalling.h>
