@@ -14,9 +14,14 @@
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Values.h>
 
+// Seams: typed functions as remotely callable ones, and the transport.
+#include <nelo_rpc/CRpcPort.h>
 
 
 
+// Client.
+#include <nelo_rpc/CCallbackDelivery.h>
 
 // D-Bus: the port, its message bodies, and a port without a bus for tests.
+#include <nelo_rpc/dbusport/CDbusPort.h>
 #include <nelo_rpc/dbusport/DbusMarshalling.h>

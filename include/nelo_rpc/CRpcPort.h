@@ -1,0 +1,85 @@
+#pragma once
+
+#include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Export.h>
+#include <nelo_rpc/GuardedFunction.h>
+
+#include <functional>
+
+namespace nelo_rpc
+{
+
+/// The transport under a host or a client: sends calls and callbacks to peers and hands what
+/// arrives to two listeners.
+///
+/// A peer is named by its connection id: 0, 1, 2, ... in the order the port met them, never reused,
+/// meaningful only to the port that gave it.
+///
+/// Threads: the virtual functions may be called from any thread. Listeners run on the receiver
+/// thread, one message at a time, and nothing else is received meanwhile: hand long work on.
+///
+/// Ownership: the port owns its listeners; whoever uses the port must be destroyed before it. Since 0.1.
+class NELO_RPC_API CRpcPort
+{
+public:
+    /// Sends the result of a call back to its caller. The first call answers; later ones do nothing.
+    using ReplyFunction = std::function<void(types::CValueList const& result)>;
+
+    /// Receives every function call, with the id of the peer that made it.
+    using FunctionCallListener =
+        std::function<void(types::CValueList const& call, int connectionId, ReplyFunction reply)>;
+
+    /// Receives every callback.
+    using CallbackListener = std::function<void(types::CValueList const& callback)>;
+
+    CRpcPort() = default;
+    CRpcPort(CRpcPort const&) = delete;
+    CRpcPort& operator=(CRpcPort const&) = delete;
+    virtual ~CRpcPort();
+
+    /// Sends a call and blocks until its result arrives, the bus fails or the time-out passes.
+    ///
+    /// @param call  arguments at 0, 1, ...; the target's reserved keys at the negative indices.
+    /// @return the result at index 0, or an empty list when no reply came (the cause is logged).
+    ///         A function that returns an empty list looks the same to the caller.
+    virtual types::CValueList CallFunction(types::CValueList const& call, int connectionId) = 0;
+
+    /// Sends a callback to one peer without waiting for it to arrive.
+    ///
+    /// @return whether it was queued for sending; false when the peer is not there or the list cannot be sent.
+    virtual bool SendCallback(types::CValueList const& callback, int connectionId) = 0;
+
+    /// Whether the peer is there now. May ask the bus, and then blocks for a round trip.
+    virtual bool IsConnected(int connectionId) const = 0;
+
+    /// Limits the wait of later calls, in milliseconds; -1 restores the bus library's default.
+    virtual void SetTimeoutMs(int timeoutMs) = 0;
+
+    /// Replaces the listener for received calls; an empty function removes it.
+    ///
+    /// Returns when the old listener is not running on another thread, so it must not be called with a lock
+    /// held that the listener takes. Install it before the first message can arrive: until then calls are
+    /// dropped with an error line.
+    void SetFunctionCallListener(FunctionCallListener listener);
+
+    /// The same for received callbacks.
+    void SetCallbackListener(CallbackListener listener);
+
+    /// For implementations, on the receiver thread: hands a received call to the listener.
+    /// Without one, logs an error and returns; `reply` is then never called.
+    void OnFunctionCall(types::CValueList const& call, int connectionId, ReplyFunction reply);
+
+    /// For implementations, on the receiver thread: hands a received callback to the listener.
+    /// Without one, logs an error and returns.
+    void OnCallback(types::CValueList& callback);
+
+protected:
+    /// Whether a listener for calls is installed. Any thread.
+    bool HasFunctionCallListener() const;
+
+private:
+    internal_guarded::CGuardedFunction<types::CValueList const&> m_callbackListener;
+    internal_guarded::CGuardedFunction<types::CValueList const&, int, ReplyFunction> m_functionCallListener;
+};
+
+} // namespace nelo_rpc

@@ -1,0 +1,47 @@
+#include <nelo_rpc/CRpcPort.h>
+
+#include <nelo_rpc/Cancellation.h>
+
+#include "SystemLog.h"
+
+#include <utility>
+
+namespace nelo_rpc
+{
+
+CRpcPort::~CRpcPort() = default;
+
+void CRpcPort::SetFunctionCallListener(FunctionCallListener listener)
+{
+    CCancellationGuard const guard;
+    m_functionCallListener.Set(std::move(listener));
+}
+
+void CRpcPort::SetCallbackListener(CallbackListener listener)
+{
+    CCancellationGuard const guard;
+    m_callbackListener.Set(std::move(listener));
+}
+
+void CRpcPort::OnFunctionCall(types::CValueList const& call, int connectionId, ReplyFunction reply)
+{
+    if (!m_functionCallListener.Call(call, connectionId, std::move(reply)))
+    {
+        logError() << "Function Listener is empty";
+    }
+}
+
+void CRpcPort::OnCallback(types::CValueList& callback)
+{
+    if (!m_callbackListener.Call(callback))
+    {
+        logError() << "Callback Listener is empty";
+    }
+}
+
+bool CRpcPort::HasFunctionCallListener() const
+{
+    return m_functionCallListener.IsSet();
+}
+
+} // namespace nelo_rpc

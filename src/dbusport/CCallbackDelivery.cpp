@@ -1,0 +1,115 @@
+#include <nelo_rpc/CCallbackDelivery.h>
+
+#include <nelo_rpc/Cancellation.h>
+#include <nelo_rpc/dbusport/CDbusPort.h>
+
+#include "../SystemLog.h"
+#include "CDbusPortIo.h"
+
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+namespace nelo_rpc
+{
+
+/// Two threads: one reads the connection, completes calls and never runs application code; the other runs handlers,
+/// which may make calls that the first completes.
+class CCallbackDelivery::CImpl
+{
+public:
+    explicit CImpl(CDbusPort& port) : m_port(port), m_io(*port.m_io), m_active(port.StartReading(EReader::Thread))
+    {
+        if (m_active)
+        {
+            m_io.delivering = true;
+            m_readerThread = std::thread(&CImpl::Read, this);
+            m_handlerThread = std::thread(&CImpl::RunHandlers, this);
+        }
+    }
+
+    ~CImpl()
+    {
+        if (!m_active)
+        {
+            return;
+        }
+        if (m_handlerThread.get_id() == std::this_thread::get_id())
+        {
+            logFatal() << "CCallbackDelivery::~CCallbackDelivery called by a handler that it runs";
+            std::abort();
+        }
+        {
+            std::lock_guard<std::mutex> const lock(m_io.mutex);
+            m_io.delivering = false;
+            m_io.changed.notify_all();
+        }
+        m_io.Kick();
+        m_readerThread.join();
+        m_handlerThread.join();
+        std::lock_guard<std::mutex> const lock(m_io.mutex);
+        m_io.callbacks.clear();
+    }
+
+private:
+    using EReader = CDbusPort::EReader;
+
+    bool IsDelivering()
+    {
+        std::lock_guard<std::mutex> const lock(m_io.mutex);
+        return m_io.delivering;
+    }
+
+    void Read()
+    {
+        {
+            CDbusPort::CIo::CInside const inside(m_io);
+            while (IsDelivering() && dbus_connection_read_write_dispatch(m_port.m_connection, 0))
+            {
+                if (dbus_connection_get_dispatch_status(m_port.m_connection) == DBUS_DISPATCH_COMPLETE)
+                {
+                    m_io.Wait(m_port.m_connection, -1);
+                }
+            }
+        }
+        m_port.StopReading(); // callers that wait for this thread go on by themselves
+    }
+
+    void RunHandlers()
+    {
+        std::unique_lock<std::mutex> lock(m_io.mutex);
+        while (m_io.delivering)
+        {
+            if (m_io.callbacks.empty())
+            {
+                m_io.changed.wait(lock);
+                continue;
+            }
+            types::CValueList callback = std::move(m_io.callbacks.front());
+            m_io.callbacks.pop_front();
+            lock.unlock();
+            m_port.OnCallback(callback);
+            lock.lock();
+        }
+    }
+
+    CDbusPort& m_port;
+    CDbusPort::CIo& m_io;
+    bool const m_active;
+    std::thread m_readerThread;
+    std::thread m_handlerThread;
+};
+
+CCallbackDelivery::CCallbackDelivery(CDbusPort& port)
+{
+    CCancellationGuard const guard;
+    m_impl = std::make_unique<CImpl>(port);
+}
+
+CCallbackDelivery::~CCallbackDelivery()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    m_impl.reset();
+}
+
+} // namespace nelo_rpc

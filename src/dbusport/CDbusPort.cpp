@@ -1,0 +1,646 @@
+#include <nelo_rpc/dbusport/CDbusPort.h>
+
+#include <nelo_rpc/Cancellation.h>
+#include <nelo_rpc/dbusport/DbusMarshalling.h>
+
+#include "../SystemLog.h"
+#include "CDbusPortIo.h"
+#include "DbusNames.h"
+#include "DbusPointers.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+namespace nelo_rpc
+{
+
+namespace
+{
+
+/// How long an idle receiver waits before it looks again.
+constexpr int IDLE_WAIT_MS = 200;
+
+/// What libdbus takes -1 for.
+constexpr int DEFAULT_TIMEOUT_MS = 25000;
+
+/// A line number that is part of a log text, whatever the source looks like.
+constexpr int NEW_CLIENT_LINE = 122;
+
+/// libdbus's frames cannot be unwound, so an exception of a listener ends the process here.
+DBusHandlerResult filterMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept
+{
+    return static_cast<DBusHandlerResult>(static_cast<CDbusPort*>(port)->OnDbusMessage(connection, message));
+}
+
+/// Connections are closed but never given back to libdbus; here a leak checker finds them.
+void keepClosed(DBusConnection* connection)
+{
+    static auto& mutex = *new std::mutex;
+    static auto& closed = *new std::vector<DBusConnection*>;
+    std::lock_guard<std::mutex> const lock(mutex);
+    closed.push_back(connection);
+}
+
+/// What a thread waits for that does not read the connection itself.
+struct SReply
+{
+    std::mutex& mutex;
+    std::condition_variable& changed;
+    bool completed = false;
+};
+
+/// Runs on the thread that reads the connection, or on the waiting one if the reply was quicker.
+void onReply(DBusPendingCall*, void* data)
+{
+    auto& reply = **static_cast<std::shared_ptr<SReply>*>(data);
+    std::lock_guard<std::mutex> const lock(reply.mutex);
+    reply.completed = true;
+    reply.changed.notify_all();
+}
+
+void freeReply(void* data)
+{
+    delete static_cast<std::shared_ptr<SReply>*>(data);
+}
+
+std::chrono::steady_clock::time_point deadlineIn(int timeoutMs)
+{
+    auto const now = std::chrono::steady_clock::now();
+    if (timeoutMs == INT_MAX)
+    {
+        return std::chrono::steady_clock::time_point::max(); // libdbus's way to say never
+    }
+    return now + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
+}
+
+/// Gives the reply to the caller, or turns an error reply into the cause of a failure.
+DBusMessage* replyOrFailure(dbus::MessagePointer reply, std::string& failure)
+{
+    dbus::CError error;
+    if (dbus_set_error_from_message(error.Get(), reply.get()))
+    {
+        failure = error.Message();
+        return nullptr;
+    }
+    return reply.release();
+}
+
+} // namespace
+
+SPortOptions SPortOptions::Recommended()
+{
+    SPortOptions options;
+    options.waitForListener = true;
+    return options;
+}
+
+CDbusPort::CDbusPort(char const* name, SPortOptions const& options)
+    : m_connection(nullptr),
+      m_name(types::toString(name)),
+      m_bUseAsync(false),
+      m_timeoutMs(-1),
+      m_lastConnectionId(-1),
+      m_options(options),
+      m_io(std::make_unique<CIo>())
+{
+}
+
+CDbusPort::CDbusPort(char const* name, bool bUseAsync, SPortOptions const& options) : CDbusPort(name, options)
+{
+    CCancellationGuard const guard;
+    Open(bUseAsync);
+    m_io->constructed = true;
+}
+
+CDbusPort::CDbusPort(char const* name, char const* defaultName, bool bUseAsync, SPortOptions const& options)
+    : CDbusPort(name, options)
+{
+    CCancellationGuard const guard;
+    Open(bUseAsync);
+    AddDefaultConnection(types::toString(defaultName));
+    m_io->constructed = true; // not before: a peer that calls at once would take the default connection's id
+}
+
+void CDbusPort::Open(bool bUseAsync)
+{
+    m_bUseAsync = bUseAsync; // also for a port that stays unusable, whose owner goes on calling it
+    dbus_threads_init_default();
+    dbus::CError error;
+    m_connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
+    if (error.IsSet())
+    {
+        logError() << "Dbus connection failed: " << error.Message();
+        return;
+    }
+    if (m_connection == nullptr)
+    {
+        logFatal() << "Dbus connection is null";
+        std::abort();
+    }
+
+    // A connection from dbus_bus_get_private() ends the process when it closes, unless told not to.
+    dbus_connection_set_exit_on_disconnect(m_connection, FALSE);
+    if (m_bUseAsync)
+    {
+        if (!RequestName())
+        {
+            return;
+        }
+        StartReceiver();
+    }
+    logDebug() << "CDbusPort created : bUseAsync = " << m_bUseAsync;
+}
+
+bool CDbusPort::RequestName()
+{
+    dbus::CError error;
+    int owned = -1;
+    if (dbus_validate_bus_name(m_name.c_str(), error.Get()))
+    {
+        owned = dbus_bus_request_name(m_connection, m_name.c_str(), DBUS_NAME_FLAG_REPLACE_EXISTING, error.Get());
+    }
+    if (error.IsSet())
+    {
+        logError() << "Dbus request name failed: " << error.Message();
+        return false;
+    }
+    if (owned != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER && owned != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER)
+    {
+        logInfo() << "CDbusPort::CDbusPort name " << m_name << " has another owner, queued behind it";
+    }
+    return true;
+}
+
+void CDbusPort::StartReceiver()
+{
+    Filter();
+    m_reciverThread = std::thread(&CDbusPort::Receive, this);
+}
+
+void CDbusPort::Receive()
+{
+    logDebug() << "start m_reciverThread !";
+    CIo::CInside const inside(*m_io);
+    HoldFirstDispatchBack();
+    while (dbus_connection_read_write_dispatch(m_connection, 0))
+    {
+        if (dbus_connection_get_dispatch_status(m_connection) == DBUS_DISPATCH_COMPLETE)
+        {
+            m_io->Wait(m_connection, IDLE_WAIT_MS);
+        }
+    }
+}
+
+void CDbusPort::HoldFirstDispatchBack()
+{
+    // A bus name is an invitation: a client that waited for it calls at once, and whoever made this port needs a
+    // moment to install its listener.
+    ::usleep(IDLE_WAIT_MS * 1000);
+    while (!m_io->closing && (!m_io->constructed || (m_options.waitForListener && !HasFunctionCallListener())))
+    {
+        m_io->WaitForKick(IDLE_WAIT_MS);
+    }
+}
+
+CDbusPort::~CDbusPort()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    if (m_connection != nullptr)
+    {
+        // Closing does not wake a thread that is blocked in a call on the connection; this does.
+        int fd = -1;
+        if (dbus_connection_get_unix_fd(m_connection, &fd))
+        {
+            ::shutdown(fd, SHUT_RDWR);
+        }
+        {
+            std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
+            dbus_connection_close(m_connection);
+        }
+        m_io->closing = true;
+        m_io->Kick();
+    }
+    if (m_reciverThread.joinable())
+    {
+        m_reciverThread.join();
+    }
+    if (m_connection != nullptr)
+    {
+        Unfilter();
+        keepClosed(m_connection);
+    }
+}
+
+int CDbusPort::AddConnection(std::string const& name)
+{
+    CCancellationGuard const guard;
+    std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
+    int const connectionId = ++m_lastConnectionId;
+    m_connectionNames[connectionId] = name;
+    m_connectionIds[name] = connectionId;
+    return connectionId;
+}
+
+void CDbusPort::AddDefaultConnection(std::string const& name)
+{
+    CCancellationGuard const guard;
+    if (AddConnection(name) != 0)
+    {
+        logFatal() << "Can use AddDefaultConnection only on initialization";
+        std::abort();
+    }
+}
+
+bool CDbusPort::IsConnected(int connectionId) const
+{
+    CCancellationGuard const guard;
+    std::string name;
+    {
+        std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
+        auto const entry = m_connectionNames.find(connectionId);
+        if (entry == m_connectionNames.end())
+        {
+            return false;
+        }
+        name = entry->second;
+    }
+    bool const connected = HasOwner(name);
+    logDebug() << "CDbusPort::IsConnected returns " << (connected ? "true" : "false");
+    return connected;
+}
+
+void CDbusPort::SetTimeoutMs(int timeoutMs)
+{
+    CCancellationGuard const guard;
+    logDebug() << "CDbusPort::SetTimeoutMs timeoutMs = " << timeoutMs;
+    m_timeoutMs = timeoutMs;
+}
+
+int CDbusPort::OnDbusMessage(DBusConnection* /*connection*/, DBusMessage* message)
+{
+    std::string const sender = types::toString(dbus_message_get_sender(message));
+    logDebug() << "CDbusPort::OnDbusMessage from " << sender;
+    std::string const path = types::toString(dbus_message_get_path(message));
+    if (path != dbus::OBJECT_PATH)
+    {
+        logError() << "CDbusPort::OnDbusMessage ignoring message from " << sender << " with path=" << path;
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+
+    int connectionId = -1;
+    if (GetOrAddConnection(sender, connectionId))
+    {
+        logInconsistencyAtLine(Error, NEW_CLIENT_LINE, "OnDbusMessage",
+                               "Message from new client %s, storing its connection id = %d", sender.c_str(),
+                               connectionId);
+    }
+    types::CValueList list = dbus::dbusMessageToValueList(message);
+    switch (dbus_message_get_type(message))
+    {
+    case DBUS_MESSAGE_TYPE_SIGNAL:
+        logDebug() << "CDbusPort::OnDbusMessage received callback " << types::toString(list);
+        HandleCallback(list);
+        break;
+    case DBUS_MESSAGE_TYPE_METHOD_CALL:
+        logDebug() << "CDbusPort::OnDbusMessage received function call request " << types::toString(list);
+        HandleFunctionCall(list, connectionId, message);
+        break;
+    default:
+        logFatal() << "unexpected dbus message type";
+        std::abort();
+    }
+    logDebug() << "CDbusPort::OnDbusMessage from " << types::toString(dbus_message_get_destination(message))
+               << " handled";
+    return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+bool CDbusPort::GetOrAddConnection(std::string const& sender, int& connectionId)
+{
+    std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
+    auto const known = m_connectionIds.find(sender);
+    if (known != m_connectionIds.end())
+    {
+        connectionId = known->second;
+        return false;
+    }
+    connectionId = AddConnection(sender);
+    return true;
+}
+
+void CDbusPort::HandleCallback(types::CValueList& list)
+{
+    if (!IsReadBy(EReader::Thread))
+    {
+        OnCallback(list);
+        return;
+    }
+    // The reading thread completes calls too, so handlers, which may make some, run on another.
+    std::lock_guard<std::mutex> const lock(m_io->mutex);
+    m_io->callbacks.push_back(std::move(list));
+    m_io->changed.notify_all();
+}
+
+void CDbusPort::HandleFunctionCall(types::CValueList const& list, int connectionId, DBusMessage* message)
+{
+    // Released by the reply alone: a call that is never answered keeps its message.
+    dbus_message_ref(message);
+    auto const answered = std::make_shared<std::atomic<bool>>(false);
+    OnFunctionCall(list, connectionId, [this, message, answered](types::CValueList const& result) {
+        CCancellationGuard const guard;
+        if (!answered->exchange(true))
+        {
+            dbus::MessagePointer const call(message);
+            SendFunctionResult(message, result);
+        }
+    });
+}
+
+std::string CDbusPort::GetOrInsertName(int connectionId)
+{
+    std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
+    return m_connectionNames[connectionId];
+}
+
+std::string CDbusPort::WhyNotCallable(std::string const& destination, int timeoutMs,
+                                      types::CValueList const& call) const
+{
+    dbus::CError error;
+    if (m_connection == nullptr)
+    {
+        return "no connection to the bus";
+    }
+    if (timeoutMs < -1)
+    {
+        return "no time-out of " + std::to_string(timeoutMs) + " milliseconds";
+    }
+    if (!dbus_validate_bus_name(destination.c_str(), error.Get()))
+    {
+        return error.Message();
+    }
+    return dbus::whyNotSendable(call);
+}
+
+types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int connectionId)
+{
+    CCancellationGuard const guard;
+    RequireSynchronous();
+    std::string const destination = GetOrInsertName(connectionId);
+    logDebug() << "CDbusPort::SendMessage from " << m_name << " to " << destination;
+    int const timeoutMs = m_timeoutMs;
+    std::string failure = WhyNotCallable(destination, timeoutMs, call);
+    dbus::MessagePointer reply;
+    if (failure.empty())
+    {
+        dbus::MessagePointer const message(dbus::valueListToFunctionCall(destination, call));
+        std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
+        reply.reset(SendAndWait(message.get(), timeoutMs, failure));
+        DropUndelivered();
+    }
+    if (!failure.empty())
+    {
+        logError() << "Dbus error: " << failure;
+    }
+    types::CValueList result = dbus::dbusMessageToValueList(reply.get());
+    if (reply == nullptr)
+    {
+        logError() << "CDbusPort::SendMessage received empty reply";
+    }
+    return result;
+}
+
+DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure) const
+{
+    if (!IsReadBy(EReader::Thread))
+    {
+        dbus::CError error;
+        DBusMessage* const reply =
+            dbus_connection_send_with_reply_and_block(m_connection, message, timeoutMs, error.Get());
+        failure = error.IsSet() ? error.Message() : "";
+        return reply;
+    }
+
+    // Waiting inside libdbus would compete with the reading thread for the connection, so that thread completes the
+    // call and this one only waits.
+    DBusPendingCall* sent = nullptr;
+    if (!dbus_connection_send_with_reply(m_connection, message, &sent, timeoutMs) || sent == nullptr)
+    {
+        failure = "the connection to the bus is closed";
+        return nullptr;
+    }
+    dbus::PendingCallPointer const pending(sent);
+    auto const reply = std::make_shared<SReply>(SReply{m_io->mutex, m_io->changed});
+    dbus_pending_call_set_notify(sent, &onReply, new std::shared_ptr<SReply>(reply), &freeReply);
+    bool const alreadyCompleted = dbus_pending_call_get_completed(sent); // before there was anybody to notify
+
+    std::unique_lock<std::mutex> lock(m_io->mutex);
+    auto const isOver = [&] { return alreadyCompleted || reply->completed || m_io->reader != EReader::Thread; };
+    auto const deadline = deadlineIn(timeoutMs);
+    if (deadline == std::chrono::steady_clock::time_point::max())
+    {
+        m_io->changed.wait(lock, isOver);
+    }
+    else
+    {
+        m_io->changed.wait_until(lock, deadline, isOver);
+    }
+    bool const abandoned = !reply->completed && !alreadyCompleted && m_io->reader != EReader::Thread;
+    lock.unlock();
+
+    if (abandoned)
+    {
+        dbus_pending_call_block(sent); // nobody reads any more, so this thread may
+    }
+    if (!dbus_pending_call_get_completed(sent))
+    {
+        dbus_pending_call_cancel(sent);
+        failure = "no reply within the time-out";
+        return nullptr;
+    }
+    return replyOrFailure(dbus::MessagePointer(dbus_pending_call_steal_reply(sent)), failure);
+}
+
+bool CDbusPort::HasOwner(std::string const& name) const
+{
+    if (m_connection == nullptr || !dbus_validate_bus_name(name.c_str(), nullptr))
+    {
+        return false;
+    }
+    std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
+    if (m_bUseAsync)
+    {
+        return dbus_bus_name_has_owner(m_connection, name.c_str(), nullptr);
+    }
+    dbus::MessagePointer const question(
+        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "NameHasOwner"));
+    char const* const text = name.c_str();
+    dbus_message_append_args(question.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    std::string failure;
+    dbus::MessagePointer const answer(SendAndWait(question.get(), -1, failure));
+    DropUndelivered();
+    dbus_bool_t hasOwner = FALSE;
+    return answer != nullptr &&
+           dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_BOOLEAN, &hasOwner, DBUS_TYPE_INVALID) && hasOwner;
+}
+
+void CDbusPort::DropUndelivered() const
+{
+    if (!IsReadBy(EReader::Nobody))
+    {
+        return;
+    }
+
+    // Calls read whatever arrives. What nobody is going to dispatch would pile up until libdbus stops reading.
+    while (dbus::MessagePointer const message{dbus_connection_pop_message(m_connection)})
+    {
+        logDebug() << "CDbusPort::SendMessage dropped a message from "
+                   << types::toString(dbus_message_get_sender(message.get())) << ", nothing delivers callbacks";
+    }
+}
+
+bool CDbusPort::SendCallback(types::CValueList const& callback, int connectionId)
+{
+    CCancellationGuard const guard;
+    RequireAsynchronous();
+    std::string const destination = GetOrInsertName(connectionId);
+    logDebug() << "CDbusPort::SendMessage from " << m_name << " to " << destination;
+    if (!IsConnected(connectionId))
+    {
+        logDebug() << "CDbusPort::SendCallback failed, can't connect to " << destination;
+        return false;
+    }
+    std::string const why = dbus::whyNotSendable(callback);
+    if (!why.empty())
+    {
+        logError() << "CDbusPort::SendCallback to " << destination << " refused: " << why;
+        return false;
+    }
+    dbus::MessagePointer const message(dbus::valueListToCallback(destination, callback));
+    return Send(message.get());
+}
+
+bool CDbusPort::SendFunctionResult(DBusMessage* call, types::CValueList const& list)
+{
+    CCancellationGuard const guard;
+    RequireAsynchronous();
+    std::string const why = dbus::whyNotSendable(list);
+    if (!why.empty())
+    {
+        logError() << "CDbusPort::SendFunctionResult to " << types::toString(dbus_message_get_sender(call))
+                   << " refused: " << why;
+        dbus::MessagePointer const error(dbus_message_new_error(call, DBUS_ERROR_FAILED, why.c_str()));
+        Send(error.get());
+        return false;
+    }
+    dbus::MessagePointer const reply(dbus::valueListToFunctionResult(call, list));
+    return Send(reply.get());
+}
+
+bool CDbusPort::Send(DBusMessage* message)
+{
+    std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
+    return m_connection != nullptr && dbus_connection_send(m_connection, message, nullptr);
+}
+
+void CDbusPort::RequireSynchronous() const
+{
+    if (m_bUseAsync)
+    {
+        logFatal() << "m_bUseAsync is true. Please check type when dbus created";
+        std::abort();
+    }
+}
+
+void CDbusPort::RequireAsynchronous() const
+{
+    if (!m_bUseAsync)
+    {
+        logFatal() << "m_bUseAsync is false. Please check type when dbus created";
+        std::abort();
+    }
+}
+
+bool CDbusPort::IsReadBy(EReader reader) const
+{
+    std::lock_guard<std::mutex> const lock(m_io->mutex);
+    return m_io->reader == reader;
+}
+
+bool CDbusPort::StartReading(EReader reader)
+{
+    RequireSynchronous();
+    if (m_connection == nullptr)
+    {
+        return false;
+    }
+    if (reader == EReader::Loop && IsReadBy(reader))
+    {
+        return true;
+    }
+    // A call that is under way reads the connection itself: not two at once.
+    std::lock_guard<std::recursive_mutex> const sendLock(m_sendMutex);
+    {
+        std::lock_guard<std::mutex> const lock(m_io->mutex);
+        if (m_io->reader != EReader::Nobody)
+        {
+            logFatal() << "CDbusPort callbacks are delivered already";
+            std::abort();
+        }
+        m_io->reader = reader;
+    }
+    Filter();
+    return true;
+}
+
+void CDbusPort::StopReading()
+{
+    Unfilter();
+    std::lock_guard<std::mutex> const lock(m_io->mutex);
+    m_io->reader = EReader::Nobody;
+    m_io->changed.notify_all();
+}
+
+void CDbusPort::Filter()
+{
+    dbus_connection_add_filter(m_connection, &filterMessage, this, nullptr);
+    m_io->Attach(m_connection);
+    m_io->filtering = true;
+}
+
+void CDbusPort::Unfilter()
+{
+    // libdbus ends the process when a filter is removed that was never added.
+    if (m_io->filtering.exchange(false))
+    {
+        CIo::Detach(m_connection);
+        dbus_connection_remove_filter(m_connection, &filterMessage, this);
+    }
+}
+
+int CDbusPort::GetPollFd()
+{
+    CCancellationGuard const guard;
+    return StartReading(EReader::Loop) ? m_io->GetPollFd(m_connection) : -1;
+}
+
+void CDbusPort::DispatchCallbacks()
+{
+    CCancellationGuard const guard;
+    if (!StartReading(EReader::Loop))
+    {
+        return;
+    }
+    CIo::CInside const inside(*m_io);
+    m_io->Drain();
+    while (dbus_connection_read_write_dispatch(m_connection, 0) &&
+           dbus_connection_get_dispatch_status(m_connection) == DBUS_DISPATCH_DATA_REMAINS)
+    {
+    }
+}
+
+} // namespace nelo_rpc

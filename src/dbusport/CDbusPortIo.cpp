@@ -1,0 +1,139 @@
+#include "CDbusPortIo.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+
+namespace nelo_rpc
+{
+
+namespace
+{
+
+/// The waiting place of the connection that the calling thread is inside.
+thread_local void const* insideOf = nullptr;
+
+int requireFd(int fd)
+{
+    if (fd < 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "nelo_rpc: no descriptor to wait with");
+    }
+    return fd;
+}
+
+int fdOf(DBusConnection* connection)
+{
+    int fd = -1;
+    return dbus_connection_get_unix_fd(connection, &fd) ? fd : -1;
+}
+
+void addTo(int epollFd, int fd)
+{
+    epoll_event event{};
+    event.events = EPOLLIN;
+    ::epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event);
+}
+
+} // namespace
+
+CDbusPort::CIo::CIo() : m_eventFd(requireFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
+
+CDbusPort::CIo::~CIo()
+{
+    ::close(m_eventFd);
+    if (m_epollFd >= 0)
+    {
+        ::close(m_epollFd);
+    }
+}
+
+void CDbusPort::CIo::Attach(DBusConnection* connection)
+{
+    // Both run inside libdbus, on any thread, so they do nothing but write the eventfd. Without the first, what a
+    // thread could not send at once would wait for the next arrival; without the second, what a thread read while it
+    // waited for its own reply would.
+    dbus_connection_set_wakeup_main_function(
+        connection, [](void* io) { static_cast<CIo*>(io)->Kick(); }, this, nullptr);
+    dbus_connection_set_dispatch_status_function(
+        connection,
+        [](DBusConnection*, DBusDispatchStatus status, void* io) {
+            if (status == DBUS_DISPATCH_DATA_REMAINS)
+            {
+                static_cast<CIo*>(io)->Kick();
+            }
+        },
+        this, nullptr);
+}
+
+void CDbusPort::CIo::Detach(DBusConnection* connection)
+{
+    dbus_connection_set_wakeup_main_function(connection, nullptr, nullptr, nullptr);
+    dbus_connection_set_dispatch_status_function(connection, nullptr, nullptr, nullptr);
+}
+
+void CDbusPort::CIo::Kick() const
+{
+    if (insideOf == this)
+    {
+        return;
+    }
+    std::uint64_t const one = 1;
+    // It fails only when it is set already, as often as a 64-bit number can say.
+    [[maybe_unused]] auto const written = ::write(m_eventFd, &one, sizeof(one));
+}
+
+void CDbusPort::CIo::Drain() const
+{
+    std::uint64_t kicks = 0;
+    [[maybe_unused]] auto const taken = ::read(m_eventFd, &kicks, sizeof(kicks));
+}
+
+void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs) const
+{
+    pollfd waited[2] = {{m_eventFd, POLLIN, 0}, {fdOf(connection), POLLIN, 0}};
+    if (dbus_connection_has_messages_to_send(connection))
+    {
+        waited[1].events |= POLLOUT;
+    }
+    ::poll(waited, 2, timeoutMs);
+    if (waited[0].revents != 0)
+    {
+        Drain();
+    }
+}
+
+void CDbusPort::CIo::WaitForKick(int timeoutMs) const
+{
+    pollfd waited{m_eventFd, POLLIN, 0};
+    ::poll(&waited, 1, timeoutMs);
+}
+
+int CDbusPort::CIo::GetPollFd(DBusConnection* connection)
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (m_epollFd < 0)
+    {
+        m_epollFd = requireFd(::epoll_create1(EPOLL_CLOEXEC));
+        addTo(m_epollFd, m_eventFd);
+        addTo(m_epollFd, fdOf(connection));
+    }
+    return m_epollFd;
+}
+
+CDbusPort::CIo::CInside::CInside(CIo const& io) : m_outer(insideOf)
+{
+    insideOf = &io;
+}
+
+CDbusPort::CIo::CInside::~CInside()
+{
+    insideOf = m_outer;
+}
+
+} // namespace nelo_rpc

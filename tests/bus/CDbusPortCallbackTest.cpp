@@ -1,0 +1,268 @@
+#include "BusTest.h"
+
+#include <atomic>
+#include <climits>
+#include <map>
+#include <typeinfo>
+
+namespace
+{
+
+/// A server's port that knows one raw peer, under the id 0.
+class CDbusPortCallback : public CBusTest
+{
+protected:
+    void SetUp() override { ASSERT_EQ(0, m_port.AddConnection(m_peer.GetUniqueName())); }
+
+    std::string NextBody()
+    {
+        MessagePtr const signal = m_peer.Receive(DBUS_MESSAGE_TYPE_SIGNAL);
+        return signal != nullptr ? describeBody(signal.get()) : "no signal";
+    }
+
+    CRawPeer m_peer;
+    CDbusPort m_port{m_server.c_str(), true};
+};
+
+using CDbusPortCallbackDeathTest = CDbusPortCallback;
+
+} // namespace
+
+TEST_F(CDbusPortCallback, IsSentAsASignalToOnePeerInTheProtocolsForm)
+{
+    CRawPeer bystander;
+    CValueList list = listOf(7);
+    list[-2] = nelo_rpc::types::makeValue<int>(3);
+    EXPECT_TRUE(m_port.SendCallback(list, 0));
+
+    MessagePtr const signal = m_peer.Receive(DBUS_MESSAGE_TYPE_SIGNAL);
+    ASSERT_NE(nullptr, signal);
+    EXPECT_EQ(m_peer.GetUniqueName(), textOf(dbus_message_get_destination(signal.get())));
+    EXPECT_EQ("/org/trelin/nelo_rpc", textOf(dbus_message_get_path(signal.get())));
+    EXPECT_EQ("org.trelin.nelo_rpc.Event", textOf(dbus_message_get_interface(signal.get())));
+    EXPECT_EQ("Call", textOf(dbus_message_get_member(signal.get())));
+    EXPECT_EQ("-2 0 3 0 0 7", describeBody(signal.get()));
+    EXPECT_EQ(nullptr, bystander.Receive(DBUS_MESSAGE_TYPE_SIGNAL, milliseconds(100)));
+}
+
+TEST_F(CDbusPortCallback, MayBeEmpty)
+{
+    EXPECT_TRUE(m_port.SendCallback({}, 0));
+    EXPECT_EQ("", NextBody());
+}
+
+TEST_F(CDbusPortCallback, IsLoggedWithBothNames)
+{
+    CLogCapture log;
+    m_port.SendCallback(listOf(1), 0);
+
+    EXPECT_EQ(
+        1, countLines(log, ELevel::Debug, "CDbusPort::SendMessage from " + m_server + " to " + m_peer.GetUniqueName()));
+    EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::IsConnected returns true"));
+    EXPECT_EQ(0, log.Count("CDbusPort::SendCallback failed"));
+}
+
+TEST_F(CDbusPortCallback, ToAPeerThatLeftIsNotSent)
+{
+    int id = 0;
+    std::string name;
+    {
+        CRawPeer gone;
+        name = gone.GetUniqueName();
+        id = m_port.AddConnection(name);
+        EXPECT_TRUE(m_port.SendCallback(listOf(1), id));
+    }
+    EXPECT_TRUE(eventually([&] { return !m_port.IsConnected(id); }));
+    CLogCapture log;
+
+    EXPECT_FALSE(m_port.SendCallback(listOf(2), id));
+    EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendCallback failed, can't connect to " + name));
+    EXPECT_EQ(0, log.Count("nelo_rpc::dbus::fillDbusMessage")) << "no message is even built";
+}
+
+TEST_F(CDbusPortCallback, ToANameThatNobodyOwnsIsNotSent)
+{
+    int const id = m_port.AddConnection(m_client);
+    CLogCapture log;
+
+    EXPECT_FALSE(m_port.SendCallback(listOf(1), id));
+    EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendMessage from " + m_server + " to " + m_client));
+    EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendCallback failed, can't connect to " + m_client));
+}
+
+TEST_F(CDbusPortCallback, ToAnUnknownIdEntersAnEmptyNameAndIsNotSent)
+{
+    CLogCapture log;
+
+    EXPECT_FALSE(m_port.SendCallback(listOf(1), 7));
+    EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendMessage from " + m_server + " to "));
+    EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendCallback failed, can't connect to "));
+    EXPECT_FALSE(m_port.SendCallback(listOf(1), 7));
+    EXPECT_FALSE(m_port.IsConnected(7));
+    EXPECT_EQ(1, m_port.AddConnection("org.trelin.next")) << "ids go on as if nothing had been entered";
+}
+
+TEST_F(CDbusPortCallback, ToANegativeIdIsNotSent)
+{
+    EXPECT_FALSE(m_port.SendCallback(listOf(1), -1));
+    EXPECT_FALSE(m_port.SendCallback(listOf(1), INT_MIN));
+}
+
+TEST_F(CDbusPortCallback, ThrowsForAValueThatCannotTravel)
+{
+    CValueList list = listOf(1);
+    list[1] = nelo_rpc::types::makeValue(true);
+
+    EXPECT_THROW(m_port.SendCallback(list, 0), std::bad_cast);
+    auto sent = std::async(std::launch::async, [&] { return m_port.SendCallback(listOf(2), 0); });
+    ASSERT_TRUE(isReady(sent)) << "no lock was left behind";
+    EXPECT_TRUE(sent.get());
+    EXPECT_EQ("0 0 2", NextBody()) << "the refused one was never sent";
+}
+
+TEST_F(CDbusPortCallback, ThrowsFromAReplyFunctionForAResultThatCannotTravel)
+{
+    CInbox<CRpcPort::ReplyFunction> replies;
+    m_port.SetFunctionCallListener(
+        [&](CValueList const&, int, CRpcPort::ReplyFunction const& reply) { replies.Put(reply); });
+    m_peer.Send(rawCall(m_server).get());
+    ASSERT_TRUE(replies.WaitForCount(1));
+    CValueList list;
+    list[0] = nelo_rpc::types::makeValue(true);
+
+    EXPECT_THROW(replies.All().front()(list), std::bad_cast);
+}
+
+TEST_F(CDbusPortCallbackDeathTest, OnASynchronousPortLogsAndAbortsEvenIfThePeerIsThere)
+{
+    EXPECT_ABORT(
+        {
+            CDbusPort port(m_client.c_str(), m_peer.GetUniqueName().c_str(), false);
+            port.SendCallback(listOf(1), 0);
+        },
+        "m_bUseAsync is false. Please check type when dbus created");
+}
+
+TEST_F(CDbusPortCallbackDeathTest, OnASynchronousPortLogsAndAbortsForAnUnknownIdToo)
+{
+    EXPECT_ABORT(
+        {
+            CDbusPort port(m_client.c_str(), false);
+            port.SendCallback(listOf(1), 3);
+        },
+        "m_bUseAsync is false. Please check type when dbus created");
+}
+
+TEST_F(CDbusPortCallbackDeathTest, AResultOnASynchronousPortLogsAndAborts)
+{
+    EXPECT_ABORT(
+        {
+            CDbusPort port(m_client.c_str(), m_peer.GetUniqueName().c_str(), false);
+            MessagePtr const call = rawCall(m_client);
+            dbus_message_set_sender(call.get(), m_peer.GetUniqueName().c_str());
+            dbus_message_set_serial(call.get(), 1);
+            port.SendFunctionResult(call.get(), listOf(1));
+        },
+        "m_bUseAsync is false. Please check type when dbus created");
+}
+
+TEST_F(CDbusPortCallback, MayBeSentByAListener)
+{
+    m_port.SetFunctionCallListener([this](CValueList const& list, int id, CRpcPort::ReplyFunction const& reply) {
+        EXPECT_TRUE(m_port.SendCallback(listOf(55), id));
+        reply(list);
+    });
+    m_peer.Send(rawCall(m_server).get());
+
+    EXPECT_EQ("0 0 55", NextBody());
+    EXPECT_NE(nullptr, m_peer.Receive(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+}
+
+TEST_F(CDbusPortCallback, GoesOutWithoutWaitingForAPollingPass)
+{
+    constexpr int COUNT = 50;
+    auto const start = steady_clock::now();
+    for (int i = 0; i < COUNT; ++i)
+    {
+        ASSERT_TRUE(m_port.SendCallback(listOf(i), 0));
+        ASSERT_EQ("0 0 " + std::to_string(i), NextBody());
+    }
+
+    // 200 ms each, if it waited for the receiver's next pass.
+    EXPECT_LT(since(start), seconds(5));
+}
+
+TEST_F(CDbusPortCallback, OfOneThreadKeepsItsOrder)
+{
+    constexpr int COUNT = 1000;
+    for (int i = 0; i < COUNT; ++i)
+    {
+        ASSERT_TRUE(m_port.SendCallback(listOf(i), 0));
+    }
+    for (int i = 0; i < COUNT; ++i)
+    {
+        ASSERT_EQ("0 0 " + std::to_string(i), NextBody());
+    }
+}
+
+TEST_F(CDbusPortCallback, OfManyThreadsAllArriveAndEachThreadKeepsItsOrder)
+{
+    constexpr int THREADS = 6;
+    constexpr int COUNT = 100;
+    std::vector<std::future<int>> senders;
+    for (int t = 0; t < THREADS; ++t)
+    {
+        senders.push_back(std::async(std::launch::async, [this, t] {
+            int sent = 0;
+            for (int i = 0; i < COUNT; ++i)
+            {
+                sent += m_port.SendCallback(listOf(t, i), 0) ? 1 : 0;
+            }
+            return sent;
+        }));
+    }
+
+    std::map<int, int> next;
+    for (int n = 0; n < THREADS * COUNT; ++n)
+    {
+        MessagePtr const signal = m_peer.Receive(DBUS_MESSAGE_TYPE_SIGNAL);
+        ASSERT_NE(nullptr, signal) << n;
+        CValueList const list = nelo_rpc::dbus::dbusMessageToValueList(signal.get());
+        ASSERT_EQ(next[intOf(list)]++, nelo_rpc::types::unpackAt<int>(list, 1));
+    }
+    for (auto& sender : senders)
+    {
+        ASSERT_TRUE(isReady(sender));
+        EXPECT_EQ(COUNT, sender.get());
+    }
+}
+
+TEST_F(CDbusPortCallback, CanBeSentWhileTheReceiverIsBusyWithALargeMessage)
+{
+    m_port.SetFunctionCallListener(
+        [](CValueList const& list, int, CRpcPort::ReplyFunction const& reply) { reply(list); });
+    auto caller = std::async(std::launch::async, [this] {
+        CDbusPort port(m_client.c_str(), m_server.c_str(), false);
+        return port.CallFunction(listOfBytes(16 * 1024 * 1024), 0).size();
+    });
+    for (int i = 0; i < 200; ++i)
+    {
+        ASSERT_TRUE(m_port.SendCallback(listOf(i), 0));
+        ASSERT_EQ("0 0 " + std::to_string(i), NextBody());
+    }
+
+    ASSERT_TRUE(isReady(caller, seconds(60)));
+    EXPECT_EQ(1u, caller.get());
+}
+
+TEST_F(CDbusPortCallback, ReachesAnotherPortsListener)
+{
+    CInbox<int> received;
+    CDbusPort other(m_client.c_str(), true);
+    other.SetCallbackListener([&](CValueList const& list) { received.Put(intOf(list)); });
+    int const id = m_port.AddConnection(m_client);
+
+    EXPECT_TRUE(m_port.SendCallback(listOf(5), id));
+    EXPECT_TRUE(received.WaitForCount(1));
+    EXPECT_EQ(std::vector<int>{5}, received.All());
+}
