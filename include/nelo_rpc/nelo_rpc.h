@@ -17,6 +17,9 @@
 // Seams: typed functions as remotely callable ones, and the transport.
 #include <nelo_rpc/CRpcPort.h>
 
+// Threads: workers, and what kills hung ones.
+#include <nelo_rpc/CLoopThread.h>
+#include <nelo_rpc/CThreadWatchdog.h>
 
 
 // Client.

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <nelo_rpc/Export.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace nelo_rpc
+{
+
+/// A worker thread with a queue of named work items, run one after another in posting order.
+///
+/// Every function may be called from any thread, from an item of the thread itself too. The owner stops the thread
+/// (StopAndJoin) before destroying the object: destroying a running one ends the process. Since 0.1.
+class NELO_RPC_API CLoopThread
+{
+public:
+    /// Makes an object without a thread; the first Start() or Post() starts it.
+    CLoopThread();
+    CLoopThread(CLoopThread const&) = delete;
+    CLoopThread& operator=(CLoopThread const&) = delete;
+
+    /// Waits for a worker that stopped itself to leave. Items that were not run are destroyed.
+    ~CLoopThread();
+
+    /// Starts the thread if it is not started.
+    void Start();
+
+    /// Appends an item and starts the thread if it is not started. Does not wait for the item.
+    ///
+    /// An empty function raises std::bad_function_call on the worker, which ends the process, as every exception
+    /// does that leaves an item.
+    void Post(std::function<void()> fn, std::string const& name);
+
+    /// The kernel's id of the worker; 0 before it first ran and after Kill(). Keeps its value after StopAndJoin().
+    int GetId();
+
+    /// Whether the thread was started and neither stopped nor killed since.
+    bool IsStarted();
+
+    /// Whether the calling thread is a worker of this object, be it one that was stopped meanwhile.
+    bool IsCurrentThread() const;
+
+    /// Stops the thread behind the items that are already posted.
+    ///
+    /// Blocks until they have run. Called by an item of this thread it returns at once; the thread then ends after
+    /// the items posted so far. Items that are posted later wait for the next start.
+    void StopAndJoin();
+
+    /// Cancels a worker that is stuck, wherever its item is, and waits up to two seconds for its end.
+    ///
+    /// Items that are still queued stay there and run when the thread is started again. The function that was
+    /// running never goes on: locks that it holds stay held and memory that it owns may be lost.
+    void Kill();
+
+    /// Keeps a thread that is not running from being started while an object of this class lives; a start that was
+    /// asked for meanwhile is made up for at its end.
+    ///
+    /// The watchdog holds one from before a kill until after the kill's handler, so that no new worker meets what
+    /// the handler is clearing away.
+    class NELO_RPC_API CStartHold
+    {
+    public:
+        explicit CStartHold(CLoopThread& thread);
+        CStartHold(CStartHold const&) = delete;
+        CStartHold& operator=(CStartHold const&) = delete;
+        ~CStartHold();
+
+    private:
+        CLoopThread& m_thread;
+    };
+
+private:
+    struct Message;
+
+    /// One start of the thread: what its worker may touch, and what must be known of it after it was let go.
+    struct SGeneration;
+
+    static void Thread(CLoopThread* loop, std::shared_ptr<SGeneration> const& generation);
+    bool Run(SGeneration& generation);
+    bool HasEarlier(SGeneration const& generation) const;
+    bool TakeNext(SGeneration& generation);
+    bool RunCurrent(SGeneration& generation);
+    void Leave(SGeneration& generation);
+    void StartLocked();
+    void PushStop();
+    void Retire();
+    void JoinBehindQueue();
+    void WaitUntilRetiredLeft(std::unique_lock<std::mutex>& lock);
+    void KillWorker(std::thread& victim, SGeneration& generation);
+    void CutOff(SGeneration& generation);
+
+    std::thread m_thread;
+    std::atomic<int> m_id;
+    std::condition_variable m_cond;
+    std::deque<std::unique_ptr<Message>> m_queue;
+    std::mutex m_mutex;
+    bool m_started;
+
+    // All below is guarded by m_mutex, as are the queue, m_thread and m_started.
+    std::shared_ptr<SGeneration> m_current;              // of the last start, until it is stopped or killed
+    std::vector<std::shared_ptr<SGeneration>> m_retired; // stopped, but still in their loop
+    int m_holds;
+    bool m_startWanted;
+    std::uint64_t m_lastGeneration;
+};
+
+} // namespace nelo_rpc

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <nelo_rpc/CLoopThread.h>
+#include <nelo_rpc/Export.h>
+
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace nelo_rpc
+{
+
+/// Kills loop threads that have stopped running their queues.
+///
+/// A ping is an item on the watched thread; one that the thread does not get to within the limit gets the thread
+/// killed and its handler called. Kills and handlers run on the watchdog's own thread. Since 0.1.
+class NELO_RPC_API CThreadWatchdog : public CLoopThread
+{
+public:
+    /// A limit of 20000 ms, checked every 5000 ms: a thread that does not answer is killed between 15 and 20 seconds
+    /// after the ping. Starts the watchdog's thread.
+    CThreadWatchdog();
+
+    /// The same with other limits, in milliseconds. A period of 0 or less checks without a pause.
+    CThreadWatchdog(int timeoutMs, int periodMs);
+
+    /// Stops the watchdog's thread; handlers of pings that are still open are not called.
+    ~CThreadWatchdog();
+
+    /// Watches `thread` from now until it gets to the ping, which is queued behind what it has to do.
+    ///
+    /// @param thread  must outlive the ping: until it answered, or was killed, or the watchdog was stopped.
+    /// @param onKill  runs on the watchdog's thread after the kill; must not be empty.
+    /// @param name    names the ping in log lines.
+    /// Every ping is an entry of its own: each one that runs out leads to a kill and a call of its handler.
+    void Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name);
+
+    /// The answer to a ping. An id that is not open any more changes nothing.
+    void Pong(unsigned int id, std::string const& name);
+
+    /// The periodic check; only the watchdog's own thread runs it.
+    void Tick();
+
+    /// Stops the watchdog's thread after the check in progress, whose pause ends at once.
+    void StopAndJoin();
+
+private:
+    struct SPing
+    {
+        CLoopThread* thread; // not owned
+        int remainingMs;
+        std::function<void()> onKill;
+    };
+
+    void Pause();
+    std::vector<SPing> TakeExpired();
+    static void KillAll(std::vector<SPing> const& victims);
+    void PostTick();
+
+    std::mutex m_mutex;
+    std::map<unsigned int, SPing> m_pings;
+    int m_timeoutMs;
+    int m_periodMs;
+    unsigned int m_lastPingId;
+
+    // Guarded by m_mutex.
+    bool m_stopping;
+    std::condition_variable m_stop;
+};
+
+} // namespace nelo_rpc

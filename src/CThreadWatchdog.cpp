@@ -1,0 +1,141 @@
+#include <nelo_rpc/CThreadWatchdog.h>
+
+#include <nelo_rpc/Cancellation.h>
+
+#include "SystemLog.h"
+
+#include <chrono>
+#include <list>
+#include <utility>
+
+namespace nelo_rpc
+{
+
+CThreadWatchdog::CThreadWatchdog() : CThreadWatchdog(20000, 5000) {}
+
+CThreadWatchdog::CThreadWatchdog(int timeoutMs, int periodMs)
+    : m_timeoutMs(timeoutMs), m_periodMs(periodMs), m_lastPingId(0), m_stopping(false)
+{
+    PostTick();
+}
+
+CThreadWatchdog::~CThreadWatchdog()
+{
+    StopAndJoin();
+}
+
+void CThreadWatchdog::Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name)
+{
+    CCancellationGuard const guard;
+    logDebug() << "CThreadWatchdog::Ping thread " << thread->GetId() << ": " << name;
+    unsigned int id = 0;
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        id = ++m_lastPingId;
+        m_pings[id] = SPing{thread, m_timeoutMs, std::move(onKill)};
+    }
+    thread->Post(std::bind(&CThreadWatchdog::Pong, this, id, name), "ping(" + name + ")");
+}
+
+void CThreadWatchdog::Pong(unsigned int id, std::string const& name)
+{
+    CCancellationGuard const guard;
+    logDebug() << "CThreadWatchdog::Pong " << name;
+    SPing answered; // destroyed unlocked: the handler may be the last to hold what it captured
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const ping = m_pings.find(id);
+    if (ping != m_pings.end())
+    {
+        answered = std::move(ping->second);
+        m_pings.erase(ping);
+    }
+}
+
+void CThreadWatchdog::Tick()
+{
+    CCancellationGuard const guard;
+    logDebug() << "CThreadWatchdog::Tick";
+    Pause();
+    KillAll(TakeExpired());
+    PostTick();
+}
+
+void CThreadWatchdog::Pause()
+{
+    if (m_periodMs > 0)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_stop.wait_for(lock, std::chrono::milliseconds(m_periodMs), [&] { return m_stopping; });
+    }
+}
+
+std::vector<CThreadWatchdog::SPing> CThreadWatchdog::TakeExpired()
+{
+    std::vector<std::pair<int, int>> late; // thread id, time left
+    std::vector<SPing> victims;
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        if (m_stopping)
+        {
+            return victims; // the pause was cut short, so no period has passed
+        }
+        for (auto entry = m_pings.begin(); entry != m_pings.end();)
+        {
+            SPing& ping = entry->second;
+            ping.remainingMs -= m_periodMs;
+            if (ping.remainingMs < m_timeoutMs / 2)
+            {
+                late.emplace_back(ping.thread->GetId(), ping.remainingMs);
+            }
+            if (ping.remainingMs > 0)
+            {
+                ++entry;
+                continue;
+            }
+            victims.push_back(std::move(ping));
+            entry = m_pings.erase(entry);
+        }
+    }
+    for (auto const& [threadId, remainingMs] : late)
+    {
+        logError() << "CThreadWatchdog::Tick Thread " << threadId << " is not responding, killing it in " << remainingMs
+                   << " milliseconds";
+    }
+    return victims;
+}
+
+void CThreadWatchdog::KillAll(std::vector<SPing> const& victims)
+{
+    // No worker starts before the last handler is done: handlers clear away what a worker would meet, and a second
+    // ping of the same thread must not kill one that has just started.
+    std::list<CStartHold> holds;
+    for (SPing const& victim : victims)
+    {
+        holds.emplace_back(*victim.thread);
+    }
+    for (SPing const& victim : victims)
+    {
+        logError() << "CThreadWatchdog::Tick Killing thread " << victim.thread->GetId();
+        victim.thread->Kill();
+        victim.onKill();
+    }
+}
+
+void CThreadWatchdog::PostTick()
+{
+    Post(std::bind(&CThreadWatchdog::Tick, this), "CThreadWatchdog::Tick");
+}
+
+void CThreadWatchdog::StopAndJoin()
+{
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        m_stopping = true;
+        m_stop.notify_all();
+    }
+    CLoopThread::StopAndJoin();
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_stopping = false;
+}
+
+} // namespace nelo_rpc
