@@ -16,6 +16,7 @@
 
 // Seams: typed functions as remotely callable ones, and the transport.
 #include <nelo_rpc/CRpcPort.h>
+#include <nelo_rpc/FunctionAdapters.h>
 
 // Threads: workers, and what kills hung ones.
 #include <nelo_rpc/CLoopThread.h>
