@@ -22,6 +22,12 @@
 #include <nelo_rpc/CLoopThread.h>
 #include <nelo_rpc/CThreadWatchdog.h>
 
+// Server.
+#include <nelo_rpc/CActor.h>
+#include <nelo_rpc/CCallbackSender.h>
+#include <nelo_rpc/CClientConnection.h>
+#include <nelo_rpc/CRpcHost.h>
+#include <nelo_rpc/ICallback.h>
 
 // Client.
 #include <nelo_rpc/CCallbackDelivery.h>

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <nelo_rpc/CActor.h>
+#include <nelo_rpc/CCallbackSender.h>
+#include <nelo_rpc/CLoopThread.h>
+#include <nelo_rpc/CRpcPort.h>
+#include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Export.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace nelo_rpc
+{
+
+class CRpcHost;
+struct SActorType;
+
+/// What a host keeps for one peer: its actors and the worker thread that runs its calls one at a time.
+///
+/// The actor with id 0 is the connection itself; its functions "ctor" and "dtor" make and destroy the others.
+/// Made and owned by the host. Since 0.1.
+class NELO_RPC_API CClientConnection
+{
+public:
+    /// Type name of actor 0 of every connection.
+    static std::string const& TYPENAME;
+
+    /// The last actor id that "ctor" of any connection of this process handed out.
+    static std::atomic<int> lastActorId;
+
+    CClientConnection(CRpcHost& host, int connectionId);
+    CClientConnection(CClientConnection const&) = delete;
+    CClientConnection& operator=(CClientConnection const&) = delete;
+
+    /// Must be shut down before.
+    ~CClientConnection();
+
+    /// Queues a call for the worker thread, watched by the host's watchdog, and returns at once.
+    /// Runs on the port's receiver thread.
+    void OnFunctionCall(types::CValueList const& call, CRpcPort::ReplyFunction reply);
+
+    /// Carries a call out and hands its result to `reply`. Runs on the worker thread.
+    void OnFunctionCallSync(types::CValueList const& call, CRpcPort::ReplyFunction const& reply);
+
+    /// Makes an actor of a registered type and returns its id; 0 for the connection's own type.
+    /// An unknown type is fatal.
+    int ctor(std::string typeName);
+
+    /// Destroys an actor and its object. 0 is ignored; an unknown id is fatal.
+    void dtor(int actorId);
+
+    CActor* CreateActorWithId(int actorId, std::string const& typeName);
+
+    /// Destroys an actor of this connection, with its application object or without. Null is fatal.
+    /// One that another thread is already destroying is left to it.
+    void DestroyActor(CActor* actor, bool deleteObject);
+
+    /// Destroys every actor except actor 0.
+    void DestroyActors(bool deleteObject);
+
+    /// Lets the queued calls finish, stops the worker thread and destroys all actors with their objects.
+    void Shutdown();
+
+    /// Sends a callback of one of the actors to this connection's client; any thread.
+    ///
+    /// @return false when it could not be sent: the actor is then removed soon afterwards, with its object, on the
+    ///         worker thread.
+    bool SendCallback(int actorId, std::string const& name, types::CValueList const& list);
+
+private:
+    struct SCall;
+
+    void OnKill(SCall& call);
+    void ForgetClaimed();
+    CActor* FindOrRecreateActor(int actorId, std::string const& typeName);
+    std::shared_ptr<SActorType const> FindActorType(std::string const& typeName);
+    void Enter(CActor* actor, int actorId, std::string const& typeName);
+    void DestroyClaimed(CActor* actor, bool deleteObject);
+    std::size_t Erase(int actorId, CActor* actor);
+    void StopWorker();
+    void PostRemoval(int actorId);
+    void RemoveLostActor(int actorId);
+
+    CCallbackSender<> m_killSender;
+    CRpcHost& m_host;
+    int m_connectionId;
+    CLoopThread m_thread;
+    std::map<int, CActor*> m_knownActors;
+    std::mutex m_mutex;
+    CActor* m_ownActor;
+
+    // Guarded by m_mutex, as m_knownActors is.
+    std::set<CActor*> m_claimed; // being destroyed by the thread that entered them here
+    std::set<int> m_leaving;     // removal is posted
+    bool m_shutDown;
+
+    // Held while a call and its ping are posted and while the worker stops itself: a ping that came after the stop
+    // would start a thread for nothing.
+    std::mutex m_postMutex;
+};
+
+} // namespace nelo_rpc

@@ -1,0 +1,108 @@
+#include <nelo_rpc/CActor.h>
+
+#include <nelo_rpc/CClientConnection.h>
+#include <nelo_rpc/Cancellation.h>
+
+#include "SystemLog.h"
+
+#include <utility>
+
+namespace nelo_rpc
+{
+
+CActor::CActor(CClientConnection& connection, int id, std::string typeName, void* object)
+    : m_connection(connection), m_id(id), m_typeName(std::move(typeName)), m_object(object)
+{
+    AddCallback(protocol::ON_RECREATE, m_recreateSender);
+}
+
+CActor::~CActor()
+{
+    logDebug() << "CActor::~CActor actor=" << this << " id=" << m_id;
+}
+
+int CActor::GetId() const
+{
+    return m_id;
+}
+
+std::string CActor::GetTypeName() const
+{
+    return m_typeName;
+}
+
+void* CActor::GetObject() const
+{
+    return m_object;
+}
+
+CCallbackSender<>& CActor::GetRecreateSender()
+{
+    return m_recreateSender;
+}
+
+bool CActor::HasFunction(std::string const& name) const
+{
+    return m_functions.count(name) != 0;
+}
+
+types::CValueList CActor::CallFunction(std::string const& name, types::CValueList const& args) const
+{
+    logDebug() << "CallFunction " << name;
+    auto const entry = m_functions.find(name);
+    if (entry == m_functions.end())
+    {
+        logError() << name << " should exist in list";
+        return {};
+    }
+    auto const function = entry->second;
+    return (*function)(args);
+}
+
+void CActor::AddFunction(std::string const& name, ValueListFunction function)
+{
+    Insert(name, [function = std::move(function)](types::CValueList const& args) {
+        CCancellationWindow const window;
+        return function(args);
+    });
+}
+
+void CActor::Insert(std::string const& name, ValueListFunction function)
+{
+    CCancellationGuard const guard;
+    m_functions[name] = std::make_shared<ValueListFunction const>(std::move(function));
+}
+
+void CActor::AddCallback(std::string const& name, ICallback& callback)
+{
+    CCancellationGuard const guard;
+    callback.AddActor(this, name);
+    m_callbacks.insert(&callback);
+}
+
+void CActor::RemoveCallback(ICallback& callback)
+{
+    CCancellationGuard const guard;
+    callback.RemoveActor(this);
+    m_callbacks.erase(&callback);
+}
+
+void CActor::CleanCallbacks()
+{
+    CCancellationGuard const guard;
+    for (ICallback* const callback : m_callbacks)
+    {
+        logDebug() << "CActor::~CActor removing self from callback " << callback;
+        callback->RemoveActor(this);
+    }
+    m_callbacks.clear();
+}
+
+bool CActor::SendCallback(std::string const& name, types::CValueList const& list) const
+{
+    CCancellationGuard const guard;
+    logDebug() << "CActor(" << m_id << ")::SendCallback";
+    return m_connection.SendCallback(m_id, name, list);
+}
+
+} // namespace nelo_rpc

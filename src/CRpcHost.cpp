@@ -1,0 +1,97 @@
+#include <nelo_rpc/CRpcHost.h>
+
+#include <nelo_rpc/Cancellation.h>
+
+#include "SystemLog.h"
+
+#include <cstdlib>
+#include <tuple>
+
+namespace nelo_rpc
+{
+
+SHostOptions SHostOptions::Recommended()
+{
+    return {};
+}
+
+CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
+                   std::function<void(CRpcHost& host)> const& registerTypes)
+    : m_port(port), m_watchdog(options.hangLimitMs, options.hangCheckMs)
+{
+    if (registerTypes)
+    {
+        registerTypes(*this);
+    }
+    m_port.SetFunctionCallListener(
+        [this](types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply) {
+            OnFunctionCall(call, connectionId, std::move(reply));
+        });
+    m_watchdog.Start();
+}
+
+CRpcHost::~CRpcHost()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    logDebug() << "CRpcHost::~CRpcHost";
+    m_port.SetFunctionCallListener({});
+    for (auto& [connectionId, connection] : m_connections)
+    {
+        connection.Shutdown();
+    }
+    m_watchdog.StopAndJoin();
+}
+
+void CRpcHost::RegisterActorType(std::string const& typeName, SActorType type)
+{
+    CCancellationGuard const guard;
+    auto shared = std::make_shared<SActorType const>(std::move(type));
+    std::lock_guard<std::recursive_mutex> const lock(m_mutex);
+    m_actorTypes[typeName] = std::move(shared);
+}
+
+std::shared_ptr<SActorType const> CRpcHost::FindActorType(std::string const& typeName)
+{
+    CCancellationGuard const guard;
+    std::lock_guard<std::recursive_mutex> const lock(m_mutex);
+    auto const type = m_actorTypes.find(typeName);
+    return type != m_actorTypes.end() ? type->second : nullptr;
+}
+
+void CRpcHost::OnFunctionCall(types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply)
+{
+    logDebug() << "CRpcHost::CRpcHost OnFunctionCall with msg=" << types::toString(call);
+    GetOrCreateClientConnection(connectionId).OnFunctionCall(call, std::move(reply));
+}
+
+CClientConnection& CRpcHost::GetOrCreateClientConnection(int connectionId)
+{
+    auto connection = m_connections.find(connectionId);
+    if (connection == m_connections.end())
+    {
+        connection = m_connections
+                         .emplace(std::piecewise_construct, std::forward_as_tuple(connectionId),
+                                  std::forward_as_tuple(*this, connectionId))
+                         .first;
+    }
+    return connection->second;
+}
+
+bool CRpcHost::SendCallback(types::CValueList const& list, int connectionId)
+{
+    logDebug() << "CRpcHost::CRpcHost SendCallback with msg=" << types::toString(list);
+    return m_port.SendCallback(list, connectionId);
+}
+
+CThreadWatchdog& CRpcHost::GetThreadWatchdog()
+{
+    return m_watchdog;
+}
+
+void CRpcHost::FailOnMissingFactory()
+{
+    logFatal() << "CRpcHost::RegisterActorType needs a factory for a class without a default constructor";
+    std::abort();
+}
+
+} // namespace nelo_rpc
