@@ -30,7 +30,11 @@
 #include <nelo_rpc/ICallback.h>
 
 // Client.
+#include <nelo_rpc/CActorProxy.h>
 #include <nelo_rpc/CCallbackDelivery.h>
+#include <nelo_rpc/CClientConnectionProxy.h>
+#include <nelo_rpc/CRpcClient.h>
+#include <nelo_rpc/ProxyEndpoints.h>
 
 // D-Bus: the port, its message bodies, and a port without a bus for tests.
 #include <nelo_rpc/dbusport/CDbusPort.h>
