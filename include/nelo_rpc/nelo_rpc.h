@@ -38,4 +38,5 @@
 
 // D-Bus: the port, its message bodies, and a port without a bus for tests.
 #include <nelo_rpc/dbusport/CDbusPort.h>
+#include <nelo_rpc/dbusport/CLocalPort.h>
 #include <nelo_rpc/dbusport/DbusMarshalling.h>

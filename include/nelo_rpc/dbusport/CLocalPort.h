@@ -1,0 +1,77 @@
+#pragma once
+
+#include <nelo_rpc/CRpcPort.h>
+#include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Export.h>
+
+#include <memory>
+
+namespace nelo_rpc
+{
+
+/// Ports in one process find each other here instead of on a bus: for testing actors without one. Since 0.1.
+class NELO_RPC_API CLocalBus
+{
+public:
+    CLocalBus();
+    CLocalBus(CLocalBus const&) = delete;
+    CLocalBus& operator=(CLocalBus const&) = delete;
+
+    /// All ports must be destroyed before.
+    ~CLocalBus();
+
+private:
+    friend class CLocalPort;
+
+    class CImpl;
+
+    std::shared_ptr<CImpl> m_impl; // shared with reply functions, which may outlive the bus
+};
+
+/// A port without a bus, between hosts and clients of one process.
+///
+/// Modes, names, connection ids, threads, order and log lines are those of CDbusPort, and lists pass through the same
+/// message bodies, so that what could not be sent on a bus cannot be sent here. What differs:
+///
+/// - A synchronous port delivers its callbacks by itself, on a thread of its own and until it is destroyed. A client
+///   on it leaves its listener behind: take that away, with SetCallbackListener({}), before destroying the client.
+/// - An asynchronous port is there as soon as it is made. The first call waits until a function-call listener is first
+///   installed, and with it whatever arrives behind it. Callbacks do not wait for a listener.
+/// - A second asynchronous port of the same name gets it when the first one is destroyed.
+///
+/// Since 0.1.
+class NELO_RPC_API CLocalPort : public CRpcPort
+{
+public:
+    /// Failures are logged; a port whose name was refused can be reached by nobody who has not heard from it.
+    ///
+    /// @param name       the name under which an asynchronous port is called; a valid bus name.
+    /// @param bUseAsync  the mode; see CDbusPort.
+    CLocalPort(CLocalBus& bus, char const* name, bool bUseAsync);
+
+    /// The same, with `defaultName` as the peer with connection id 0.
+    CLocalPort(CLocalBus& bus, char const* name, char const* defaultName, bool bUseAsync);
+
+    /// Waits for a listener that is running, and drops what was not handed to one. Calls in flight, to this port or
+    /// from it, end at once without a reply. Not from a listener of this port: that stops the process.
+    ~CLocalPort() override;
+
+    /// Synchronous ports only; see CRpcPort. Calls of several threads are served one after the other.
+    types::CValueList CallFunction(types::CValueList const& call, int connectionId) override;
+
+    /// Asynchronous ports only; see CRpcPort.
+    bool SendCallback(types::CValueList const& callback, int connectionId) override;
+
+    /// As CDbusPort does, waits for a call that is under way.
+    bool IsConnected(int connectionId) const override;
+
+    /// Any value is kept as it is: -1 stands for 25 seconds, and calls with less fail as if no reply came.
+    void SetTimeoutMs(int timeoutMs) override;
+
+private:
+    class CImpl;
+
+    std::shared_ptr<CImpl> m_impl; // shared with reply functions and calls in flight
+};
+
+} // namespace nelo_rpc

@@ -1,0 +1,542 @@
+#include <nelo_rpc/dbusport/CLocalPort.h>
+
+#include <nelo_rpc/Cancellation.h>
+#include <nelo_rpc/dbusport/DbusMarshalling.h>
+
+#include "../SystemLog.h"
+#include "DbusPointers.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace nelo_rpc
+{
+
+namespace
+{
+
+/// What a bus takes -1 for.
+constexpr int DEFAULT_TIMEOUT_MS = 25000;
+
+/// Nothing announces a listener, so a port that holds a call back for one looks this often.
+constexpr std::chrono::milliseconds LISTENER_CHECK(10);
+
+/// A message on its way, and of a call the way back.
+struct SMessage
+{
+    explicit SMessage(DBusMessage* m) : message(m) {}
+
+    dbus::MessagePointer const message;
+    std::atomic<bool> replied{false};
+
+    // All below is guarded by the bus's mutex.
+    std::condition_variable ended;
+    bool over = false;
+    dbus::MessagePointer reply; // null: the call failed
+    std::string failure;
+};
+
+/// What a bus keeps for a port; guarded by the bus's mutex.
+struct SMailbox
+{
+    std::condition_variable changed;
+    std::deque<std::shared_ptr<SMessage>> queue;
+    std::set<std::shared_ptr<SMessage>> openCalls; // to the port and from it
+    bool closed = false;
+};
+
+std::string newUniqueName()
+{
+    static std::atomic<unsigned int> last{0};
+    return ":local." + std::to_string(++last);
+}
+
+std::string whyNotCallable(std::string const& destination, int timeoutMs, types::CValueList const& call)
+{
+    dbus::CError error;
+    if (timeoutMs < -1)
+    {
+        return "no time-out of " + std::to_string(timeoutMs) + " milliseconds";
+    }
+    if (!dbus_validate_bus_name(destination.c_str(), error.Get()))
+    {
+        return error.Message();
+    }
+    return dbus::whyNotSendable(call);
+}
+
+} // namespace
+
+/// Carries messages to the ports that they name. Never calls out, so no lock of it is held while a listener runs.
+class CLocalBus::CImpl
+{
+public:
+    /// False if others have the name, and keep it.
+    bool GiveName(std::string const& name, std::shared_ptr<SMailbox> const& mailbox)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const own = m_owners.emplace(name, mailbox);
+        return own == m_owners.lower_bound(name);
+    }
+
+    bool HasOwner(std::string const& name)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        return m_owners.count(name) != 0;
+    }
+
+    bool Send(std::shared_ptr<SMessage> const& message)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        return Push(message) != nullptr;
+    }
+
+    /// Sends a call and waits for its end; null and the cause if no reply came.
+    dbus::MessagePointer Call(SMailbox& from, std::shared_ptr<SMessage> const& call, int timeoutMs,
+                              std::string& failure)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        std::shared_ptr<SMailbox> const to = from.closed ? nullptr : Push(call);
+        if (to == nullptr)
+        {
+            failure = from.closed ? "the port is closed" : "no port has the name of the peer";
+            return nullptr;
+        }
+        from.openCalls.insert(call);
+        to->openCalls.insert(call);
+        if (timeoutMs != 0) // else even a very quick reply is too late
+        {
+            std::chrono::milliseconds const limit(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
+            call->ended.wait_for(lock, limit, [&] { return call->over; });
+        }
+        from.openCalls.erase(call);
+        to->openCalls.erase(call);
+        End(*call, nullptr, "no reply within the time-out");
+        failure = call->failure;
+        return std::move(call->reply);
+    }
+
+    void Reply(SMessage& call, dbus::MessagePointer reply, std::string const& failure)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        End(call, std::move(reply), failure);
+    }
+
+    /// The next message for a port; waits for it. Null once the port is closed.
+    std::shared_ptr<SMessage> Receive(SMailbox& mailbox)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        mailbox.changed.wait(lock, [&] { return mailbox.closed || !mailbox.queue.empty(); });
+        if (mailbox.closed)
+        {
+            return nullptr;
+        }
+        std::shared_ptr<SMessage> message = std::move(mailbox.queue.front());
+        mailbox.queue.pop_front();
+        return message;
+    }
+
+    /// Whether the port is closed by then.
+    bool WaitUntilClosed(SMailbox& mailbox, std::chrono::milliseconds limit)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return mailbox.changed.wait_for(lock, limit, [&] { return mailbox.closed; });
+    }
+
+    void Close(std::shared_ptr<SMailbox> const& mailbox)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        for (auto owner = m_owners.begin(); owner != m_owners.end();)
+        {
+            owner = owner->second == mailbox ? m_owners.erase(owner) : std::next(owner);
+        }
+        for (auto const& call : mailbox->openCalls)
+        {
+            End(*call, nullptr, "a port was destroyed before the reply came");
+        }
+        mailbox->closed = true;
+        mailbox->queue.clear();
+        mailbox->changed.notify_all();
+    }
+
+private:
+    /// The mailbox that the message is put into, or null if there is none.
+    std::shared_ptr<SMailbox> Push(std::shared_ptr<SMessage> const& message)
+    {
+        // The first of several owners, in the order in which they asked for the name.
+        std::string const name = dbus_message_get_destination(message->message.get());
+        auto const owner = m_owners.lower_bound(name);
+        if (owner == m_owners.end() || owner->first != name)
+        {
+            return nullptr;
+        }
+        owner->second->queue.push_back(message);
+        owner->second->changed.notify_all();
+        return owner->second;
+    }
+
+    /// What comes first ends a call: the reply, the time-out or the end of a port.
+    static void End(SMessage& call, dbus::MessagePointer reply, std::string const& failure)
+    {
+        if (!call.over)
+        {
+            call.over = true;
+            call.reply = std::move(reply);
+            call.failure = failure;
+            call.ended.notify_all();
+        }
+    }
+
+    std::mutex m_mutex; // guards the mailboxes and messages too
+    std::multimap<std::string, std::shared_ptr<SMailbox>> m_owners;
+};
+
+CLocalBus::CLocalBus()
+{
+    CCancellationGuard const guard;
+    dbus_threads_init_default();
+    m_impl = std::make_shared<CImpl>();
+}
+
+CLocalBus::~CLocalBus()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    m_impl.reset();
+}
+
+class CLocalPort::CImpl : public std::enable_shared_from_this<CImpl>
+{
+public:
+    CImpl(CLocalPort& port, std::shared_ptr<CLocalBus::CImpl> bus, char const* name, bool bUseAsync)
+        : m_port(port), m_bus(std::move(bus)), m_name(types::toString(name)), m_bUseAsync(bUseAsync)
+    {
+    }
+
+    void Open();
+    void Close();
+    int AddConnection(std::string const& name);
+    types::CValueList CallFunction(types::CValueList const& call, int connectionId);
+    bool SendCallback(types::CValueList const& callback, int connectionId);
+    bool IsConnected(int connectionId);
+    void SetTimeoutMs(int timeoutMs);
+
+private:
+    void RequestName();
+    void Receive();
+    bool WaitForListener();
+    void OnDbusMessage(std::shared_ptr<SMessage> const& message);
+    int GetOrAddConnection(std::string const& sender);
+    std::string GetOrInsertName(int connectionId);
+    std::shared_ptr<SMessage> FromThisPort(DBusMessage* message) const;
+    void SendFunctionResult(SMessage& call, types::CValueList const& result);
+    void RequireMode(bool bUseAsync) const;
+
+    // Only for the receiver thread.
+    CLocalPort& m_port;
+    bool m_hasListened = false;
+
+    std::shared_ptr<CLocalBus::CImpl> const m_bus;
+    std::string const m_name;
+    bool const m_bUseAsync;
+    std::string const m_uniqueName = newUniqueName();
+    std::atomic<int> m_timeoutMs{-1};
+    std::mutex m_callMutex; // held for the whole of a blocking call
+
+    std::mutex m_connectionsMutex; // guards the next three
+    int m_lastConnectionId = -1;
+    std::map<int, std::string> m_connectionNames;
+    std::map<std::string, int> m_connectionIds;
+
+    std::shared_ptr<SMailbox> const m_mailbox = std::make_shared<SMailbox>();
+    std::thread m_receiverThread;
+};
+
+void CLocalPort::CImpl::Open()
+{
+    m_bus->GiveName(m_uniqueName, m_mailbox);
+    m_receiverThread = std::thread(&CImpl::Receive, this);
+    if (m_bUseAsync)
+    {
+        RequestName();
+    }
+    logDebug() << "CLocalPort created : bUseAsync = " << m_bUseAsync;
+}
+
+void CLocalPort::CImpl::RequestName()
+{
+    dbus::CError error;
+    if (!dbus_validate_bus_name(m_name.c_str(), error.Get()))
+    {
+        logError() << "Dbus request name failed: " << error.Message();
+    }
+    else if (m_name.front() == ':')
+    {
+        logError() << "Dbus request name failed: a unique name cannot be requested: " << m_name;
+    }
+    else if (!m_bus->GiveName(m_name, m_mailbox))
+    {
+        logInfo() << "CLocalPort::CLocalPort name " << m_name << " has another owner, queued behind it";
+    }
+}
+
+void CLocalPort::CImpl::Close()
+{
+    if (m_receiverThread.get_id() == std::this_thread::get_id())
+    {
+        logFatal() << "CLocalPort::~CLocalPort called by a listener that it runs";
+        std::abort();
+    }
+    m_bus->Close(m_mailbox);
+    m_receiverThread.join();
+}
+
+void CLocalPort::CImpl::Receive()
+{
+    while (auto const message = m_bus->Receive(*m_mailbox))
+    {
+        bool const isCall = dbus_message_get_type(message->message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL;
+        if (isCall && m_bUseAsync && !WaitForListener())
+        {
+            return;
+        }
+        OnDbusMessage(message);
+    }
+}
+
+bool CLocalPort::CImpl::WaitForListener()
+{
+    while (!m_hasListened && !m_port.HasFunctionCallListener())
+    {
+        if (m_bus->WaitUntilClosed(*m_mailbox, LISTENER_CHECK))
+        {
+            return false;
+        }
+    }
+    m_hasListened = true; // for good: who takes a listener away does not want to be called any more
+    return true;
+}
+
+void CLocalPort::CImpl::OnDbusMessage(std::shared_ptr<SMessage> const& message)
+{
+    DBusMessage* const received = message->message.get();
+    std::string const sender = types::toString(dbus_message_get_sender(received));
+    logDebug() << "CLocalPort::OnDbusMessage from " << sender;
+    int const connectionId = GetOrAddConnection(sender);
+    types::CValueList list = dbus::dbusMessageToValueList(received);
+    if (dbus_message_get_type(received) == DBUS_MESSAGE_TYPE_SIGNAL)
+    {
+        logDebug() << "CLocalPort::OnDbusMessage received callback " << types::toString(list);
+        m_port.OnCallback(list);
+    }
+    else
+    {
+        logDebug() << "CLocalPort::OnDbusMessage received function call request " << types::toString(list);
+        auto const reply = [self = shared_from_this(), message](types::CValueList const& result) {
+            CCancellationGuard const guard;
+            if (!message->replied.exchange(true))
+            {
+                self->SendFunctionResult(*message, result);
+            }
+        };
+        m_port.OnFunctionCall(list, connectionId, reply);
+    }
+    logDebug() << "CLocalPort::OnDbusMessage from " << types::toString(dbus_message_get_destination(received))
+               << " handled";
+}
+
+int CLocalPort::CImpl::AddConnection(std::string const& name)
+{
+    int const connectionId = ++m_lastConnectionId;
+    m_connectionNames[connectionId] = name;
+    m_connectionIds[name] = connectionId;
+    return connectionId;
+}
+
+int CLocalPort::CImpl::GetOrAddConnection(std::string const& sender)
+{
+    int connectionId = -1;
+    {
+        std::lock_guard<std::mutex> const lock(m_connectionsMutex);
+        auto const known = m_connectionIds.find(sender);
+        if (known != m_connectionIds.end())
+        {
+            return known->second;
+        }
+        connectionId = AddConnection(sender);
+    }
+    logInconsistency(Error, "OnDbusMessage", "Message from new client %s, storing its connection id = %d",
+                     sender.c_str(), connectionId);
+    return connectionId;
+}
+
+std::string CLocalPort::CImpl::GetOrInsertName(int connectionId)
+{
+    std::lock_guard<std::mutex> const lock(m_connectionsMutex);
+    return m_connectionNames[connectionId];
+}
+
+std::shared_ptr<SMessage> CLocalPort::CImpl::FromThisPort(DBusMessage* message) const
+{
+    auto sent = std::make_shared<SMessage>(message);
+    dbus_message_set_sender(message, m_uniqueName.c_str());
+    dbus_message_set_serial(message, 1); // a reply cannot be made to a message without one, and nobody reads it
+    return sent;
+}
+
+types::CValueList CLocalPort::CImpl::CallFunction(types::CValueList const& call, int connectionId)
+{
+    RequireMode(false);
+    std::string const destination = GetOrInsertName(connectionId);
+    logDebug() << "CLocalPort::SendMessage from " << m_name << " to " << destination;
+    int const timeoutMs = m_timeoutMs;
+    std::string failure = whyNotCallable(destination, timeoutMs, call);
+    dbus::MessagePointer reply;
+    if (failure.empty())
+    {
+        auto const message = FromThisPort(dbus::valueListToFunctionCall(destination, call));
+        std::lock_guard<std::mutex> const lock(m_callMutex);
+        reply = m_bus->Call(*m_mailbox, message, timeoutMs, failure);
+    }
+    if (!failure.empty())
+    {
+        logError() << "Dbus error: " << failure;
+    }
+    types::CValueList result = dbus::dbusMessageToValueList(reply.get());
+    if (reply == nullptr)
+    {
+        logError() << "CLocalPort::SendMessage received empty reply";
+    }
+    return result;
+}
+
+bool CLocalPort::CImpl::SendCallback(types::CValueList const& callback, int connectionId)
+{
+    RequireMode(true);
+    std::string const destination = GetOrInsertName(connectionId);
+    logDebug() << "CLocalPort::SendMessage from " << m_name << " to " << destination;
+    if (!IsConnected(connectionId))
+    {
+        logDebug() << "CLocalPort::SendCallback failed, can't connect to " << destination;
+        return false;
+    }
+    std::string const why = dbus::whyNotSendable(callback);
+    if (!why.empty())
+    {
+        logError() << "CLocalPort::SendCallback to " << destination << " refused: " << why;
+        return false;
+    }
+    return m_bus->Send(FromThisPort(dbus::valueListToCallback(destination, callback)));
+}
+
+void CLocalPort::CImpl::SendFunctionResult(SMessage& call, types::CValueList const& result)
+{
+    RequireMode(true);
+    std::string const why = dbus::whyNotSendable(result);
+    dbus::MessagePointer reply;
+    if (why.empty())
+    {
+        reply.reset(dbus::valueListToFunctionResult(call.message.get(), result));
+    }
+    else
+    {
+        logError() << "CLocalPort::SendFunctionResult to "
+                   << types::toString(dbus_message_get_sender(call.message.get())) << " refused: " << why;
+    }
+    m_bus->Reply(call, std::move(reply), why);
+}
+
+bool CLocalPort::CImpl::IsConnected(int connectionId)
+{
+    std::string name;
+    {
+        std::lock_guard<std::mutex> const lock(m_connectionsMutex);
+        auto const entry = m_connectionNames.find(connectionId);
+        if (entry == m_connectionNames.end())
+        {
+            return false;
+        }
+        name = entry->second;
+    }
+    bool connected = false;
+    {
+        // On a bus the question would wait for a call that is under way, and so it does here.
+        std::lock_guard<std::mutex> const lock(m_callMutex);
+        connected = m_bus->HasOwner(name);
+    }
+    logDebug() << "CLocalPort::IsConnected returns " << (connected ? "true" : "false");
+    return connected;
+}
+
+void CLocalPort::CImpl::SetTimeoutMs(int timeoutMs)
+{
+    logDebug() << "CLocalPort::SetTimeoutMs timeoutMs = " << timeoutMs;
+    m_timeoutMs = timeoutMs;
+}
+
+void CLocalPort::CImpl::RequireMode(bool bUseAsync) const
+{
+    if (m_bUseAsync != bUseAsync)
+    {
+        logFatal() << "m_bUseAsync is " << (m_bUseAsync ? "true" : "false") << ". Please check type when dbus created";
+        std::abort();
+    }
+}
+
+CLocalPort::CLocalPort(CLocalBus& bus, char const* name, bool bUseAsync)
+{
+    CCancellationGuard const guard;
+    m_impl = std::make_shared<CImpl>(*this, bus.m_impl, name, bUseAsync);
+    m_impl->Open();
+}
+
+CLocalPort::CLocalPort(CLocalBus& bus, char const* name, char const* defaultName, bool bUseAsync)
+{
+    CCancellationGuard const guard;
+    m_impl = std::make_shared<CImpl>(*this, bus.m_impl, name, bUseAsync);
+    m_impl->AddConnection(types::toString(defaultName)); // before a peer that calls at once can take the id
+    m_impl->Open();
+}
+
+CLocalPort::~CLocalPort()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    m_impl->Close();
+}
+
+types::CValueList CLocalPort::CallFunction(types::CValueList const& call, int connectionId)
+{
+    CCancellationGuard const guard;
+    auto const impl = m_impl; // lives on if the port is destroyed meanwhile
+    return impl->CallFunction(call, connectionId);
+}
+
+bool CLocalPort::SendCallback(types::CValueList const& callback, int connectionId)
+{
+    CCancellationGuard const guard;
+    return m_impl->SendCallback(callback, connectionId);
+}
+
+bool CLocalPort::IsConnected(int connectionId) const
+{
+    CCancellationGuard const guard;
+    auto const impl = m_impl;
+    return impl->IsConnected(connectionId);
+}
+
+void CLocalPort::SetTimeoutMs(int timeoutMs)
+{
+    CCancellationGuard const guard;
+    m_impl->SetTimeoutMs(timeoutMs);
+}
+
+} // namespace nelo_rpc
