@@ -1,0 +1,28 @@
+# The examples as tests. Each runs on a bus of its own, so they need no root and may run at the same time.
+
+set(examples_bus ${CMAKE_CURRENT_LIST_DIR}/with-private-bus)
+
+add_test(NAME examples.demo COMMAND ${CMAKE_CURRENT_LIST_DIR}/demo/run-demo ${CMAKE_BINARY_DIR})
+set_tests_properties(examples.demo PROPERTIES TIMEOUT 180)
+
+add_test(NAME examples.thermostat
+    COMMAND ${examples_bus} --server $<TARGET_FILE:thermostat_server> $<TARGET_FILE:thermostat_client>)
+
+add_test(NAME examples.epoll_client
+    COMMAND ${examples_bus} --server $<TARGET_FILE:thermostat_server> $<TARGET_FILE:epoll_client>)
+
+add_test(NAME examples.client_without_server COMMAND ${examples_bus} $<TARGET_FILE:thermostat_client>)
+set_tests_properties(examples.client_without_server PROPERTIES
+    PASS_REGULAR_EXPRESSION "nobody owns org.example.climate on the bus")
+
+add_test(NAME examples.local_test COMMAND local_test)
+
+# What the documentation shows is what is there.
+add_test(NAME docs.readme COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-readme
+    ${CMAKE_CURRENT_LIST_DIR}/../README.md examples/thermostat/server.cpp examples/thermostat/client.cpp)
+
+add_test(NAME docs.logs COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-logs
+    ${CMAKE_CURRENT_LIST_DIR}/../docs/logs.md ${CMAKE_CURRENT_LIST_DIR}/../src)
+
+set_tests_properties(examples.thermostat examples.epoll_client examples.client_without_server
+    examples.local_test docs.readme docs.logs PROPERTIES TIMEOUT 90)
