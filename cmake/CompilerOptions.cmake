@@ -1,7 +1,6 @@
 # Warnings for the project's own code, never for its users.
 function(nelo_rpc_own_code target)
-    # Conversions that lose something are warned of, changes of signedness are not; clang counts them to -Wconversion.
-    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
     if(NELO_RPC_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()

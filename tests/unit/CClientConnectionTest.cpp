@@ -1286,7 +1286,8 @@ TEST(CClientConnection, AHungDestructorOfAnObjectIsGivenUpAndTheConnectionServes
     CThingServer server(CThingServer::ShortLimits());
     CGate release;
     std::atomic<int> thread{0};
-    static CActor* lost = nullptr; // what such a thread owned is lost, and a leak check must not wonder
+    [[maybe_unused]] static CActor* lost =
+        nullptr; // what such a thread owned is lost, and a leak check must not wonder
     SActorType type;
     type.create = []() -> void* { return nullptr; };
     type.destroy = [&](void*) {

@@ -265,7 +265,7 @@ TEST(CLoopThread, ItemsOfManyThreadsAllRunAndKeepEachPostersOrder)
         posters.emplace_back([&, poster] {
             for (int item = 0; item < ITEMS; ++item)
             {
-                thread.Post([&ran, poster, item] { ran[poster].push_back(item); }, "item");
+                thread.Post([&ran, poster, item] { ran[static_cast<std::size_t>(poster)].push_back(item); }, "item");
             }
         });
     }
