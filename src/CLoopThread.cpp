@@ -32,6 +32,9 @@ constexpr int KILL_WAIT_SECONDS = 2;
 /// The loop whose worker the calling thread is.
 thread_local CLoopThread const* ownLoop = nullptr;
 
+/// The start that made the calling thread.
+thread_local void const* ownGeneration = nullptr;
+
 int threadId()
 {
     return static_cast<int>(::syscall(SYS_gettid));
@@ -77,12 +80,13 @@ struct CLoopThread::SGeneration
     bool cutOff = false;
 };
 
-CLoopThread::CLoopThread() : m_id(0), m_started(false), m_holds(0), m_startWanted(false), m_lastGeneration(0) {}
+CLoopThread::CLoopThread() : m_id(0), m_started(false), m_startWanted(false), m_lastGeneration(0) {}
 
 CLoopThread::~CLoopThread()
 {
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     std::unique_lock<std::mutex> lock(m_mutex);
-    WaitUntilRetiredLeft(lock);
+    WaitUntilQuiet(lock);
 }
 
 void CLoopThread::Start()
@@ -98,7 +102,7 @@ void CLoopThread::StartLocked()
     {
         return;
     }
-    if (m_holds > 0)
+    if (!m_holders.empty())
     {
         m_startWanted = true;
         return;
@@ -132,6 +136,7 @@ int CLoopThread::GetId()
 
 bool CLoopThread::IsStarted()
 {
+    CCancellationGuard const guard;
     std::lock_guard<std::mutex> const lock(m_mutex);
     return m_started;
 }
@@ -146,6 +151,7 @@ void CLoopThread::Thread(CLoopThread* loop, std::shared_ptr<SGeneration> const& 
     // Before anything else: a worker that is cancelled inside the log or under a lock freezes the process.
     CCancellationWindow::MakeWorker();
     ownLoop = loop;
+    ownGeneration = generation.get();
 
     int const id = threadId();
     logDebug() << "CLoopThread::Thread starting thread with id=" << id;
@@ -228,17 +234,12 @@ bool CLoopThread::RunCurrent(SGeneration& generation)
         CCancellationWindow const window;
         message.function();
     }
-    {
-        std::lock_guard<std::mutex> const lock(generation.mutex);
-        if (generation.cutOff)
-        {
-            return false;
-        }
-        generation.inItem = false;
-    }
     logDebug() << "CLoopThread::Thread running message " << message.name << " done";
     generation.current.reset();
-    return true;
+
+    std::lock_guard<std::mutex> const lock(generation.mutex);
+    generation.inItem = false;
+    return !generation.cutOff;
 }
 
 void CLoopThread::Leave(SGeneration& generation)
@@ -260,12 +261,12 @@ void CLoopThread::StopAndJoin()
     CCancellationGuard const guard;
     {
         std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_started && !IsCurrentThread())
+        {
+            WaitUntilQuiet(lock);
+        }
         if (!m_started)
         {
-            if (!IsCurrentThread())
-            {
-                WaitUntilRetiredLeft(lock);
-            }
             return;
         }
     }
@@ -292,9 +293,10 @@ void CLoopThread::PushStop()
 void CLoopThread::Retire()
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
-    if (!m_started)
+    bool const isKilled = static_cast<SGeneration const*>(ownGeneration)->killed;
+    if (!m_started || isKilled)
     {
-        return; // somebody else was quicker
+        return; // stopped already, and a worker that comes after a kill is not this one's to stop
     }
     PushStop();
     m_current->thread = std::move(m_thread);
@@ -306,17 +308,21 @@ void CLoopThread::Retire()
 void CLoopThread::JoinBehindQueue()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (!m_started)
+    do
     {
-        WaitUntilRetiredLeft(lock);
-        return;
-    }
+        if (m_started)
+        {
+            JoinCurrent(lock);
+        }
+        WaitUntilQuiet(lock);
+    } while (m_started); // by a start that was asked for during a kill, or by an item after its own stop
+}
+
+void CLoopThread::JoinCurrent(std::unique_lock<std::mutex>& lock)
+{
     PushStop();
     auto const generation = m_current;
-
-    // A kill may come first. What follows it is waited for too, because the caller goes on to destroy what the
-    // handler of the kill uses.
-    m_cond.wait(lock, [&] { return generation->left || (generation->killed && m_holds == 0); });
+    m_cond.wait(lock, [&] { return generation->left || generation->killed; });
     if (m_current == generation)
     {
         std::thread stopped = std::move(m_thread);
@@ -324,12 +330,20 @@ void CLoopThread::JoinBehindQueue()
         m_started = false;
         lock.unlock();
         stopped.join();
+        lock.lock();
     }
 }
 
-void CLoopThread::WaitUntilRetiredLeft(std::unique_lock<std::mutex>& lock)
+bool CLoopThread::IsHeldByOthers() const
 {
-    m_cond.wait(lock, [&] { return m_retired.empty(); });
+    auto const self = std::this_thread::get_id();
+    return std::any_of(m_holders.begin(), m_holders.end(), [&](std::thread::id holder) { return holder != self; });
+}
+
+void CLoopThread::WaitUntilQuiet(std::unique_lock<std::mutex>& lock)
+{
+    // Whoever stops a thread goes on to destroy what its items use, and what the handler of a kill uses too.
+    m_cond.wait(lock, [&] { return m_retired.empty() && !IsHeldByOthers(); });
 }
 
 void CLoopThread::Kill()
@@ -414,15 +428,18 @@ void CLoopThread::CutOff(SGeneration& generation)
 
 CLoopThread::CStartHold::CStartHold(CLoopThread& thread) : m_thread(thread)
 {
+    CCancellationGuard const guard;
     std::lock_guard<std::mutex> const lock(m_thread.m_mutex);
-    ++m_thread.m_holds;
+    m_thread.m_holders.push_back(std::this_thread::get_id());
 }
 
 CLoopThread::CStartHold::~CStartHold()
 {
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     std::lock_guard<std::mutex> const lock(m_thread.m_mutex);
-    --m_thread.m_holds;
-    if (m_thread.m_holds == 0 && m_thread.m_startWanted)
+    auto& holders = m_thread.m_holders;
+    holders.erase(std::find(holders.begin(), holders.end(), std::this_thread::get_id()));
+    if (holders.empty() && m_thread.m_startWanted)
     {
         m_thread.m_startWanted = false;
         m_thread.StartLocked();

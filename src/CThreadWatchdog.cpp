@@ -21,6 +21,7 @@ CThreadWatchdog::CThreadWatchdog(int timeoutMs, int periodMs)
 
 CThreadWatchdog::~CThreadWatchdog()
 {
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     StopAndJoin();
 }
 
@@ -57,7 +58,14 @@ void CThreadWatchdog::Tick()
     logDebug() << "CThreadWatchdog::Tick";
     Pause();
     KillAll(TakeExpired());
-    PostTick();
+    if (IsStarted())
+    {
+        PostTick();
+        return;
+    }
+    // Stopped by a handler: posting would start the thread again.
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_stopping = false;
 }
 
 void CThreadWatchdog::Pause()
@@ -128,12 +136,17 @@ void CThreadWatchdog::PostTick()
 
 void CThreadWatchdog::StopAndJoin()
 {
+    CCancellationGuard const guard;
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         m_stopping = true;
         m_stop.notify_all();
     }
     CLoopThread::StopAndJoin();
+    if (IsCurrentThread())
+    {
+        return; // a handler: the check that runs it ends the cycle
+    }
     std::lock_guard<std::mutex> const lock(m_mutex);
     m_stopping = false;
 }

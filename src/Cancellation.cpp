@@ -27,6 +27,10 @@ CCancellationGuard::~CCancellationGuard() noexcept(false)
         // destructor or out of an unwinding that is under way, and either ends the process.
         ::pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     }
+    else if (m_oldState == PTHREAD_CANCEL_ENABLE && isWorker)
+    {
+        ::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr); // undoes what a destructor left
+    }
     ::pthread_setcancelstate(m_oldState, nullptr);
 }
 

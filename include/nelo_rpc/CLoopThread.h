@@ -94,7 +94,9 @@ private:
     void PushStop();
     void Retire();
     void JoinBehindQueue();
-    void WaitUntilRetiredLeft(std::unique_lock<std::mutex>& lock);
+    void JoinCurrent(std::unique_lock<std::mutex>& lock);
+    bool IsHeldByOthers() const;
+    void WaitUntilQuiet(std::unique_lock<std::mutex>& lock);
     void KillWorker(std::thread& victim, SGeneration& generation);
     void CutOff(SGeneration& generation);
 
@@ -108,7 +110,7 @@ private:
     // All below is guarded by m_mutex, as are the queue, m_thread and m_started.
     std::shared_ptr<SGeneration> m_current;              // of the last start, until it is stopped or killed
     std::vector<std::shared_ptr<SGeneration>> m_retired; // stopped, but still in their loop
-    int m_holds;
+    std::vector<std::thread::id> m_holders;              // a thread that holds twice is in here twice
     bool m_startWanted;
     std::uint64_t m_lastGeneration;
 };

@@ -223,7 +223,7 @@ TEST(CThreadWatchdog, PingStartsAThreadThatIsNotStarted)
 TEST(CThreadWatchdog, AThreadThatAnswersIsNeitherReportedNorKilledHoweverLongItHangsLater)
 {
     CLogCapture log;
-    CThreadWatchdog watchdog(1000, 50);
+    CThreadWatchdog watchdog(3000, 100);
     std::atomic<int> killed{0};
     CLoopThread thread;
     watchdog.Ping(
@@ -232,7 +232,7 @@ TEST(CThreadWatchdog, AThreadThatAnswersIsNeitherReportedNorKilledHoweverLongItH
     CGate release;
     thread.Post([&] { release.Wait(60s); }, "busy without a ping");
 
-    ASSERT_TRUE(waitForTicks(log, 25));
+    ASSERT_TRUE(waitForTicks(log, 35));
 
     EXPECT_EQ(Lines(), errorsOf(log));
     EXPECT_EQ(0, killed);
@@ -394,7 +394,7 @@ TEST(CThreadWatchdog, APingOfAThreadThatWasKilledMeanwhileStillGetsItsKillLineAn
 TEST(CThreadWatchdog, PingsOfDifferentThreadsRunOutEachOnItsOwn)
 {
     CLogCapture log;
-    CThreadWatchdog watchdog(1000, 250);
+    CThreadWatchdog watchdog(2000, 500);
     CHungThread hung;
     CLoopThread healthy;
     std::atomic<int> killedHealthy{0};
