@@ -27,4 +27,18 @@ void CRunners::WaitForOthers()
     });
 }
 
+CRun::~CRun()
+{
+    if (m_runners != nullptr)
+    {
+        m_runners->Leave();
+    }
+}
+
+void CRun::Enter(std::shared_ptr<CRunners> runners)
+{
+    runners->Enter();
+    m_runners = std::move(runners);
+}
+
 } // namespace nelo_rpc::internal_guarded

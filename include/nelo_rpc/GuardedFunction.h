@@ -34,27 +34,31 @@ private:
     std::vector<std::thread::id> m_threads;
 };
 
-/// A function together with the threads that run it; alive as long as one of them does.
+/// The calling thread's stay inside a function, if it entered one.
+class NELO_RPC_API CRun
+{
+public:
+    CRun() = default;
+    CRun(CRun const&) = delete;
+    CRun& operator=(CRun const&) = delete;
+    ~CRun();
+
+    void Enter(std::shared_ptr<CRunners> runners);
+
+private:
+    std::shared_ptr<CRunners> m_runners;
+};
+
+/// A function together with the threads that run it. The runners live longer, because a thread leaves only when it
+/// has let go of the function: whoever waits for it may then destroy what the function holds on to.
 template <class... Args>
 struct SEntry
 {
-    explicit SEntry(std::function<void(Args...)> f) : function(std::move(f)) {}
+    explicit SEntry(std::function<void(Args...)> f) : function(std::move(f)), runners(std::make_shared<CRunners>()) {}
 
     std::function<void(Args...)> function;
-    CRunners runners;
+    std::shared_ptr<CRunners> runners;
 };
-
-/// Runs an entry that the caller has entered, and leaves it however the function ends.
-template <class... Args>
-void runEntered(SEntry<Args...>& entry, Args... args)
-{
-    struct SLeave
-    {
-        CRunners& runners;
-        ~SLeave() { runners.Leave(); }
-    } const leave{entry.runners};
-    entry.function(std::forward<Args>(args)...);
-}
 
 /// One function that may be empty.
 template <class... Args>
@@ -70,7 +74,7 @@ public:
         }
         if (entry != nullptr)
         {
-            entry->runners.WaitForOthers();
+            entry->runners->WaitForOthers();
         }
     }
 
@@ -83,6 +87,7 @@ public:
     /// False if there is no function to call.
     bool Call(Args... args) const
     {
+        CRun run; // left after the function is let go of
         std::shared_ptr<Entry> entry;
         {
             // Entered under the lock, so that whoever replaces the function afterwards sees this call.
@@ -92,9 +97,9 @@ public:
                 return false;
             }
             entry = m_entry;
-            entry->runners.Enter();
+            run.Enter(entry->runners);
         }
-        runEntered<Args...>(*entry, std::forward<Args>(args)...);
+        entry->function(std::forward<Args>(args)...);
         return true;
     }
 
@@ -121,6 +126,7 @@ public:
     /// False if there is no function under the key.
     bool Call(Key const& key, Args... args) const
     {
+        CRun run;
         std::shared_ptr<Entry> entry;
         {
             std::lock_guard<std::mutex> const lock(m_mutex);
@@ -130,9 +136,9 @@ public:
                 return false;
             }
             entry = found->second;
-            entry->runners.Enter();
+            run.Enter(entry->runners);
         }
-        runEntered<Args...>(*entry, std::forward<Args>(args)...);
+        entry->function(std::forward<Args>(args)...);
         return true;
     }
 
@@ -157,7 +163,7 @@ private:
         }
         if (old != nullptr)
         {
-            old->runners.WaitForOthers();
+            old->runners->WaitForOthers();
         }
     }
 

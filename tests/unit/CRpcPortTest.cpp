@@ -258,6 +258,26 @@ TEST(CRpcPort, ReplacingTheCallListenerReturnsOnlyWhenTheOldOneIsNotRunningOnAno
     EXPECT_FALSE(returnedEarly);
 }
 
+TEST(CRpcPort, WhatAListenerHoldsOnToIsDestroyedBeforeItsReplacementReturns)
+{
+    CFakePort port;
+    for (int round = 0; round < 500; ++round)
+    {
+        CGate entered;
+        std::atomic<bool> destroyed{false};
+        std::shared_ptr<void> held(nullptr, [&](void*) { destroyed = true; });
+        port.SetFunctionCallListener([&entered, held](auto const&, int, auto const&) { entered.Open(); });
+        held.reset();
+        std::thread receiver([&] { port.Call(callOf(1, "Type", "Open"), 0); });
+        ASSERT_TRUE(entered.Wait());
+
+        port.SetFunctionCallListener({});
+
+        EXPECT_TRUE(destroyed);
+        receiver.join();
+    }
+}
+
 TEST(CRpcPort, EmptyingTheCallListenerReturnsOnlyWhenTheOldOneIsNotRunningOnAnotherThread)
 {
     CFakePort port;
