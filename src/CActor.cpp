@@ -18,6 +18,7 @@ CActor::CActor(CClientConnection& connection, int id, std::string typeName, void
 
 CActor::~CActor()
 {
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     logDebug() << "CActor::~CActor actor=" << this << " id=" << m_id;
 }
 
@@ -48,6 +49,7 @@ bool CActor::HasFunction(std::string const& name) const
 
 types::CValueList CActor::CallFunction(std::string const& name, types::CValueList const& args) const
 {
+    CCancellationGuard const guard;
     logDebug() << "CallFunction " << name;
     auto const entry = m_functions.find(name);
     if (entry == m_functions.end())

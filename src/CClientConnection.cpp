@@ -53,7 +53,7 @@ struct CClientConnection::SCall
 };
 
 CClientConnection::CClientConnection(CRpcHost& host, int connectionId)
-    : m_host(host), m_connectionId(connectionId), m_ownActor(nullptr), m_shutDown(false)
+    : m_host(host), m_connectionId(connectionId), m_ownActor(nullptr), m_shutDown(false), m_workerEnded(false)
 {
     m_ownActor = new CActor(*this, protocol::OWN_ACTOR_ID, TYPENAME, this);
     m_knownActors[protocol::OWN_ACTOR_ID] = m_ownActor;
@@ -84,15 +84,26 @@ void CClientConnection::OnFunctionCall(types::CValueList const& call, CRpcPort::
         },
         name);
     m_host.GetThreadWatchdog().Ping(
-        &m_thread, [this, shared] { OnKill(*shared); }, name);
+        &m_thread,
+        [this, shared] {
+            LoseActors();
+            shared->Answer({});
+            m_killSender.Send();
+        },
+        name);
 }
 
-void CClientConnection::OnKill(SCall& call)
+void CClientConnection::LoseActors()
 {
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        if (m_workerEnded)
+        {
+            return; // what is left belongs to the thread that shuts the connection down
+        }
+    }
     ForgetClaimed();
     DestroyActors(false);
-    call.Answer({});
-    m_killSender.Send();
 }
 
 void CClientConnection::ForgetClaimed()
@@ -102,7 +113,13 @@ void CClientConnection::ForgetClaimed()
     std::lock_guard<std::mutex> const lock(m_mutex);
     for (auto entry = m_knownActors.begin(); entry != m_knownActors.end();)
     {
-        entry = m_claimed.count(entry->second) != 0 ? m_knownActors.erase(entry) : std::next(entry);
+        if (m_claimed.count(entry->second) == 0)
+        {
+            ++entry;
+            continue;
+        }
+        m_leaving.erase(entry->first);
+        entry = m_knownActors.erase(entry);
     }
     m_claimed.clear();
 }
@@ -176,14 +193,29 @@ CActor* CClientConnection::CreateActorWithId(int actorId, std::string const& typ
         CCancellationWindow const window;
         object = type->create();
     }
-    auto* const actor = new CActor(*this, actorId, typeName, object);
-    {
-        CCancellationWindow const window;
-        type->setup(*actor);
-    }
+    CActor* const actor = MakeActor(*type, object, actorId, typeName);
     Enter(actor, actorId, typeName);
     logDebug() << "CClientConnection::ctor actor=" << actor << " actorId=" << actorId << " done";
     return actor;
+}
+
+CActor* CClientConnection::MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName)
+{
+    // A setup that is killed, or throws, leaves nothing behind that still sends through the actor.
+    struct SUnregister
+    {
+        void operator()(CActor* actor) const
+        {
+            actor->CleanCallbacks();
+            delete actor;
+        }
+    };
+    std::unique_ptr<CActor, SUnregister> actor(new CActor(*this, actorId, typeName, object));
+    {
+        CCancellationWindow const window;
+        type.setup(*actor);
+    }
+    return actor.release();
 }
 
 void CClientConnection::Enter(CActor* actor, int actorId, std::string const& typeName)
@@ -320,11 +352,16 @@ void CClientConnection::DestroyActors(bool deleteObject)
 
 void CClientConnection::Shutdown()
 {
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         m_shutDown = true;
     }
     m_thread.StopAndJoin();
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        m_workerEnded = true;
+    }
     DestroyActors(true);
 
     // A callback that failed just before may have started the worker again for a removal.
@@ -362,24 +399,45 @@ void CClientConnection::PostRemoval(int actorId)
         }
     }
     // Not here: the actor's object may be the caller, and would be destroyed under its own feet.
-    m_thread.Post([this, actorId] { RemoveLostActor(actorId); }, "remove[" + std::to_string(actorId) + "]");
+    std::string const name = "remove[" + std::to_string(actorId) + "]";
+    std::lock_guard<std::mutex> const lock(m_postMutex);
+    m_thread.Post([this, actorId] { RemoveLostActor(actorId); }, name);
+
+    // Watched as calls are: an object that hangs while it is destroyed would keep the host from ending.
+    m_host.GetThreadWatchdog().Ping(
+        &m_thread,
+        [this] {
+            LoseActors();
+            m_killSender.Send();
+        },
+        name);
 }
 
 void CClientConnection::RemoveLostActor(int actorId)
 {
     CCancellationGuard const guard;
     CActor* actor = nullptr;
+    bool isLast = false;
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         auto const entry = m_knownActors.find(actorId);
-        if (entry == m_knownActors.end() || entry->second == nullptr || !m_claimed.insert(entry->second).second)
+        bool const isThere = entry != m_knownActors.end() && entry->second != nullptr;
+
+        // Once the id has left, what is under it now is another actor, made since the removal was posted.
+        if (m_leaving.erase(actorId) != 0 && isThere && m_claimed.insert(entry->second).second)
         {
-            m_leaving.erase(actorId);
-            return;
+            actor = entry->second;
         }
-        actor = entry->second;
+        isLast = m_knownActors.size() == 1;
     }
-    DestroyClaimed(actor, true);
+    if (actor != nullptr)
+    {
+        DestroyClaimed(actor, true);
+    }
+    else if (isLast)
+    {
+        StopWorker(); // which was started for nothing
+    }
 }
 
 } // namespace nelo_rpc

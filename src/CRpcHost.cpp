@@ -79,6 +79,7 @@ CClientConnection& CRpcHost::GetOrCreateClientConnection(int connectionId)
 
 bool CRpcHost::SendCallback(types::CValueList const& list, int connectionId)
 {
+    CCancellationGuard const guard;
     logDebug() << "CRpcHost::CRpcHost SendCallback with msg=" << types::toString(list);
     return m_port.SendCallback(list, connectionId);
 }

@@ -84,6 +84,7 @@ public:
     }
 
     /// Lets the sender send through this actor under a name. It is not owned and must live until it is removed.
+    /// For setup functions, as AddFunction() is: the actor's callbacks are not guarded against each other.
     void AddCallback(std::string const& name, ICallback& callback);
 
     /// Returns when no other thread is sending this callback through this actor.

@@ -76,10 +76,11 @@ public:
 private:
     struct SCall;
 
-    void OnKill(SCall& call);
+    void LoseActors();
     void ForgetClaimed();
     CActor* FindOrRecreateActor(int actorId, std::string const& typeName);
     std::shared_ptr<SActorType const> FindActorType(std::string const& typeName);
+    CActor* MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName);
     void Enter(CActor* actor, int actorId, std::string const& typeName);
     void DestroyClaimed(CActor* actor, bool deleteObject);
     std::size_t Erase(int actorId, CActor* actor);
@@ -99,6 +100,7 @@ private:
     std::set<CActor*> m_claimed; // being destroyed by the thread that entered them here
     std::set<int> m_leaving;     // removal is posted
     bool m_shutDown;
+    bool m_workerEnded; // for good
 
     // Held while a call and its ping are posted and while the worker stops itself: a ping that came after the stop
     // would start a thread for nothing.

@@ -63,8 +63,8 @@ public:
     static nelo_rpc::SHostOptions ShortLimits()
     {
         nelo_rpc::SHostOptions options;
-        options.hangLimitMs = 1500;
-        options.hangCheckMs = 300;
+        options.hangLimitMs = 2500;
+        options.hangCheckMs = 500;
         return options;
     }
 

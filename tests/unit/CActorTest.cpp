@@ -113,7 +113,7 @@ TEST_F(CActorOnConnection, ACallLogsItsNameAndGivesTheWholeListToTheFunctionAndI
     EXPECT_EQ(types::toString(call), seen);
     EXPECT_EQ("{-7 = (CTypedValue<int> = 5) | 0 = (CTypedValue<int> = 1) | }", types::toString(result));
     EXPECT_EQ(Lines{"CallFunction Echo"}, ownLines(log));
-    EXPECT_EQ(Lines{"CallFunction Echo"}, log.Texts(ELevel::Debug));
+    EXPECT_TRUE(allAreOf(log, ELevel::Debug));
 }
 
 TEST_F(CActorOnConnection, ACallOfAnUnknownFunctionLogsAnErrorAndGivesAnEmptyList)
@@ -124,7 +124,6 @@ TEST_F(CActorOnConnection, ACallOfAnUnknownFunctionLogsAnErrorAndGivesAnEmptyLis
     EXPECT_TRUE(actor.CallFunction("Open", callOf(12, "Counter", "Open")).empty());
 
     EXPECT_EQ((Lines{"CallFunction Open", "Open should exist in list"}), ownLines(log));
-    EXPECT_EQ(Lines{"CallFunction Open"}, log.Texts(ELevel::Debug));
     EXPECT_EQ(Lines{"Open should exist in list"}, log.Texts(ELevel::Error));
 }
 

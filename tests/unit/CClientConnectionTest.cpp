@@ -1355,8 +1355,8 @@ TEST(CClientConnection, NoNewWorkerMeetsTheActorsThatTheHandlerOfAKillIsDestroyi
 TEST(CClientConnection, HungCallsOfOneClientCanBeKilledAgainAndAgain)
 {
     SHostOptions options;
-    options.hangLimitMs = 600;
-    options.hangCheckMs = 100;
+    options.hangLimitMs = 1000;
+    options.hangCheckMs = 200;
     CThingServer server(options);
     int const id = server.Ctor(4);
     for (std::size_t round = 1; round <= 4; ++round)

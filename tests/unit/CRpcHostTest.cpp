@@ -446,8 +446,8 @@ TEST(CRpcHost, DestructionRightAfterAKillDestroysWhatIsLeftOnceAndAnswersTheQueu
     for (int round = 0; round < 4; ++round)
     {
         SHostOptions options;
-        options.hangLimitMs = 400;
-        options.hangCheckMs = 100;
+        options.hangLimitMs = 1000;
+        options.hangCheckMs = 200;
         CThingServer server(options);
         int const id = server.Ctor(5);
         server.Ctor(5);
