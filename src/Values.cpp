@@ -1,5 +1,7 @@
 #include <nelo_rpc/Values.h>
 
+#include <nelo_rpc/Cancellation.h>
+
 #include "SystemLog.h"
 
 #include <cstdlib>
@@ -27,6 +29,7 @@ namespace internal_values
 
 void failOnWrongType()
 {
+    CCancellationGuard const guard; // also called by application code, which may be killed at any instruction
     logFatal() << "wrong type in CValue";
     std::abort();
 }

@@ -50,11 +50,21 @@ types::CValueList adapt(std::function<R(A...)> const& f, types::CValueList const
 }
 
 /// Makes a function without a result one that answers true. An empty `f` raises std::bad_function_call when called.
+/// With the argument's type given, as in makeNoVoidFunction<int>(...), anything callable will do.
 template <class... A>
 std::function<bool(A...)> makeNoVoidFunction(std::function<void(A...)> f)
 {
     return [f = std::move(f)](A... args) -> bool {
         f(std::forward<A>(args)...);
+        return true;
+    };
+}
+
+template <class A>
+std::function<bool(A)> makeNoVoidFunction(std::function<void(A)> f)
+{
+    return [f = std::move(f)](A arg) -> bool {
+        f(std::forward<A>(arg));
         return true;
     };
 }

@@ -338,6 +338,19 @@ TEST(MakeNoVoidFunction, CallsTheFunctionAndAnswersTrue)
     EXPECT_EQ(5, seen);
 }
 
+TEST(MakeNoVoidFunction, TakesAnythingCallableWhenTheArgumentsTypeIsGiven)
+{
+    int seen = 0;
+
+    std::function<bool(int)> const fromLambda = makeNoVoidFunction<int>([&](int value) { seen += value; });
+    std::function<bool(int)> const fromBind =
+        makeNoVoidFunction<int>(std::bind([&](int value) { seen += value; }, std::placeholders::_1));
+
+    EXPECT_TRUE(fromLambda(5));
+    EXPECT_TRUE(fromBind(6));
+    EXPECT_EQ(11, seen);
+}
+
 TEST(MakeNoVoidFunction, TakesAnyNumberOfArguments)
 {
     std::string seen;
