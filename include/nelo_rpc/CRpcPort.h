@@ -22,7 +22,8 @@ namespace nelo_rpc
 class NELO_RPC_API CRpcPort
 {
 public:
-    /// Sends the result of a call back to its caller. The first call answers; later ones do nothing.
+    /// Sends the result of a call back to its caller. The first call answers; later ones do nothing. Not to be called
+    /// after the port is destroyed.
     using ReplyFunction = std::function<void(types::CValueList const& result)>;
 
     /// Receives every function call, with the id of the peer that made it.

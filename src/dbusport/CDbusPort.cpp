@@ -29,6 +29,10 @@ constexpr int IDLE_WAIT_MS = 200;
 /// What libdbus takes -1 for.
 constexpr int DEFAULT_TIMEOUT_MS = 25000;
 
+/// How much one DispatchCallbacks() does at most, so that it returns also while messages arrive faster than they are
+/// handled.
+constexpr int DISPATCH_LIMIT = 200;
+
 /// A line number that is part of a log text, whatever the source looks like.
 constexpr int NEW_CLIENT_LINE = 122;
 
@@ -211,6 +215,7 @@ void CDbusPort::HoldFirstDispatchBack()
 CDbusPort::~CDbusPort()
 {
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    RequireOutside("CDbusPort::~CDbusPort");
     if (m_connection != nullptr)
     {
         // Closing does not wake a thread that is blocked in a call on the connection; this does.
@@ -631,15 +636,38 @@ int CDbusPort::GetPollFd()
 void CDbusPort::DispatchCallbacks()
 {
     CCancellationGuard const guard;
+    RequireOutside("CDbusPort::DispatchCallbacks");
     if (!StartReading(EReader::Loop))
     {
         return;
     }
-    CIo::CInside const inside(*m_io);
     m_io->Drain();
-    while (dbus_connection_read_write_dispatch(m_connection, 0) &&
-           dbus_connection_get_dispatch_status(m_connection) == DBUS_DISPATCH_DATA_REMAINS)
+    if (!DispatchSome())
     {
+        m_io->Kick(); // there is more: the descriptor stays readable
+    }
+}
+
+bool CDbusPort::DispatchSome()
+{
+    CIo::CInside const inside(*m_io);
+    for (int passes = 0; passes < DISPATCH_LIMIT; ++passes)
+    {
+        if (!dbus_connection_read_write_dispatch(m_connection, 0) ||
+            dbus_connection_get_dispatch_status(m_connection) != DBUS_DISPATCH_DATA_REMAINS)
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+void CDbusPort::RequireOutside(char const* operation) const
+{
+    if (m_io->IsInside())
+    {
+        logFatal() << operation << " called by a listener that the port runs";
+        std::abort();
     }
 }
 

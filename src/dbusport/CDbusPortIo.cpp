@@ -1,5 +1,7 @@
 #include "CDbusPortIo.h"
 
+#include "../SystemLog.h"
+
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -18,11 +20,12 @@ namespace
 /// The waiting place of the connection that the calling thread is inside.
 thread_local void const* insideOf = nullptr;
 
-int requireFd(int fd)
+/// Without a descriptor the port still works, but waits end only with their time.
+int fdOrError(int fd)
 {
     if (fd < 0)
     {
-        throw std::system_error(errno, std::generic_category(), "nelo_rpc: no descriptor to wait with");
+        logError() << "CDbusPort has no descriptor to be woken with: " << std::generic_category().message(errno);
     }
     return fd;
 }
@@ -42,14 +45,16 @@ void addTo(int epollFd, int fd)
 
 } // namespace
 
-CDbusPort::CIo::CIo() : m_eventFd(requireFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
+CDbusPort::CIo::CIo() : m_eventFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
 
 CDbusPort::CIo::~CIo()
 {
-    ::close(m_eventFd);
-    if (m_epollFd >= 0)
+    for (int const fd : {m_eventFd, m_epollFd})
     {
-        ::close(m_epollFd);
+        if (fd >= 0)
+        {
+            ::close(fd);
+        }
     }
 }
 
@@ -79,7 +84,7 @@ void CDbusPort::CIo::Detach(DBusConnection* connection)
 
 void CDbusPort::CIo::Kick() const
 {
-    if (insideOf == this)
+    if (IsInside())
     {
         return;
     }
@@ -111,7 +116,10 @@ void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs) const
 void CDbusPort::CIo::WaitForKick(int timeoutMs) const
 {
     pollfd waited{m_eventFd, POLLIN, 0};
-    ::poll(&waited, 1, timeoutMs);
+    if (::poll(&waited, 1, timeoutMs) > 0)
+    {
+        Drain();
+    }
 }
 
 int CDbusPort::CIo::GetPollFd(DBusConnection* connection)
@@ -119,11 +127,16 @@ int CDbusPort::CIo::GetPollFd(DBusConnection* connection)
     std::lock_guard<std::mutex> const lock(mutex);
     if (m_epollFd < 0)
     {
-        m_epollFd = requireFd(::epoll_create1(EPOLL_CLOEXEC));
+        m_epollFd = fdOrError(::epoll_create1(EPOLL_CLOEXEC));
         addTo(m_epollFd, m_eventFd);
         addTo(m_epollFd, fdOf(connection));
     }
     return m_epollFd;
+}
+
+bool CDbusPort::CIo::IsInside() const
+{
+    return insideOf == this;
 }
 
 CDbusPort::CIo::CInside::CInside(CIo const& io) : m_outer(insideOf)

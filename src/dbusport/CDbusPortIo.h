@@ -42,6 +42,9 @@ public:
     /// A descriptor that is readable when one of those is, for as long as the object lives.
     int GetPollFd(DBusConnection* connection);
 
+    /// Whether the calling thread reads the connection, and so runs one of its listeners if it is not the port itself.
+    bool IsInside() const;
+
     /// The calling thread is inside the connection for as long as this lives: it needs no kicks about what it does.
     class CInside
     {

@@ -165,7 +165,6 @@ public:
             End(*call, nullptr, "a port was destroyed before the reply came");
         }
         mailbox->closed = true;
-        mailbox->queue.clear();
         mailbox->changed.notify_all();
     }
 

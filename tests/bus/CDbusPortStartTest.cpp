@@ -341,6 +341,25 @@ TEST_F(CDbusPortStart, WaitsForItsListenerAsLongAsItTakesIfToldTo)
     EXPECT_EQ("0 0 10", describeBody(answer.get()));
 }
 
+TEST_F(CDbusPortStart, CostsHardlyAnyProcessorTimeWhileItWaitsForItsListener)
+{
+    leaveAMessageBehind();
+    CDbusPort port(m_server.c_str(), "org.freedesktop.DBus", true, nelo_rpc::SPortOptions::Recommended());
+    MessagePtr const call = rawCall(m_server);
+    putInt(call.get(), 0, 10);
+    m_peer.Send(call.get());
+    EXPECT_TRUE(port.IsConnected(0)); // reads the call too, which nothing dispatches
+
+    timespec before{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
+    EXPECT_EQ(nullptr, m_peer.Receive(DBUS_MESSAGE_TYPE_METHOD_RETURN, milliseconds(1500)));
+    timespec after{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
+
+    auto const used = seconds(after.tv_sec - before.tv_sec) + std::chrono::nanoseconds(after.tv_nsec - before.tv_nsec);
+    EXPECT_LT(used, milliseconds(300));
+}
+
 TEST_F(CDbusPortStart, IsToldToWaitForItsListenerByTheRecommendedOptions)
 {
     EXPECT_TRUE(nelo_rpc::SPortOptions::Recommended().waitForListener);
@@ -374,7 +393,10 @@ TEST_F(CDbusPortStart, KeepsTheDefaultPeersIdFromCallersThatWaitForItsName)
 
         CDbusPort port(name.c_str(), "org.trelin.default", true);
         CInbox<int> ids;
-        port.SetFunctionCallListener([&](CValueList const&, int id, CRpcPort::ReplyFunction const&) { ids.Put(id); });
+        port.SetFunctionCallListener([&](CValueList const&, int id, CRpcPort::ReplyFunction const& reply) {
+            ids.Put(id);
+            reply({});
+        });
 
         EXPECT_TRUE(ids.WaitForCount(1));
         stop = true;

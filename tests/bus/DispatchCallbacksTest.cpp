@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 
 namespace
@@ -104,6 +105,30 @@ TEST_F(CDispatchCallbacks, LeavesTheDescriptorUnreadableWhenThereIsNothingMore)
     Settle();
 
     EXPECT_FALSE(IsReadable(milliseconds(100)));
+}
+
+TEST_F(CDispatchCallbacks, ReturnsWhileMoreArrivesThanItHandlesAndLeavesTheDescriptorReadable)
+{
+    constexpr int ALL = 1000;
+    SendCallbacks(0, ALL);
+    std::size_t most = 0;
+    while (m_received.size() < ALL && IsReadable())
+    {
+        std::size_t const before = m_received.size();
+        m_port.DispatchCallbacks();
+        most = std::max(most, m_received.size() - before);
+    }
+
+    EXPECT_EQ(Range(ALL), m_received);
+    EXPECT_GT(static_cast<std::size_t>(ALL), most);
+}
+
+TEST_F(CDispatchCallbacksDeathTest, OfAHandlerThatDispatchesAgainLogsAndAborts)
+{
+    SendCallbacks(0, 1);
+    m_port.SetCallbackListener([this](CValueList const&) { m_port.DispatchCallbacks(); });
+
+    EXPECT_ABORT(DispatchUntil(1), "CDbusPort::DispatchCallbacks called by a listener that the port runs");
 }
 
 TEST_F(CDispatchCallbacks, AlwaysGivesTheSameDescriptor)

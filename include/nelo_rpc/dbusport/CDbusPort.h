@@ -81,8 +81,8 @@ public:
     int OnDbusMessage(DBusConnection* connection, DBusMessage* message);
 
     /// For an application's own loop: a descriptor that is readable when DispatchCallbacks() has something to do.
-    /// From the first call on, callbacks are kept for DispatchCallbacks(). Synchronous ports only; -1 without a
-    /// connection. Owned by the port.
+    /// From the first call on, callbacks are kept for DispatchCallbacks(); that one waits for a call that is under way
+    /// on another thread. Synchronous ports only; -1 without a connection. Owned by the port.
     int GetPollFd();
 
     /// Runs the handlers of the callbacks that have arrived, on the calling thread, and returns without waiting for
@@ -121,6 +121,8 @@ private:
     bool Send(DBusMessage* message);
     void RequireSynchronous() const;
     void RequireAsynchronous() const;
+    void RequireOutside(char const* operation) const;
+    bool DispatchSome();
     bool IsReadBy(EReader reader) const;
     bool StartReading(EReader reader);
     void StopReading();

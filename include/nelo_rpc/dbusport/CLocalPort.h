@@ -30,8 +30,8 @@ private:
 
 /// A port without a bus, between hosts and clients of one process.
 ///
-/// Modes, names, connection ids, threads, order and log lines are those of CDbusPort, and lists pass through the same
-/// message bodies, so that what could not be sent on a bus cannot be sent here. What differs:
+/// Modes, names, connection ids, threads and order are those of CDbusPort, log lines are the same under the name CLocalPort, and
+/// lists pass through the same message bodies, so that what could not be sent on a bus cannot be sent here. What differs:
 ///
 /// - A synchronous port delivers its callbacks by itself, on a thread of its own and until it is destroyed. A client
 ///   on it leaves its listener behind: take that away, with SetCallbackListener({}), before destroying the client.
@@ -43,7 +43,7 @@ private:
 class NELO_RPC_API CLocalPort : public CRpcPort
 {
 public:
-    /// Failures are logged; a port whose name was refused can be reached by nobody who has not heard from it.
+    /// A name that a bus would refuse is refused with an error line, and nobody finds the port under it.
     ///
     /// @param name       the name under which an asynchronous port is called; a valid bus name.
     /// @param bUseAsync  the mode; see CDbusPort.

@@ -44,8 +44,9 @@ NELO_RPC_API void fillDbusMessage(types::CValueList const& list, DBusMessage* ms
 /// Reads the body of a message; null gives an empty list. An ill-formed body is fatal.
 NELO_RPC_API types::CValueList dbusMessageToValueList(DBusMessage* msg);
 
-/// What keeps a list from being sent as it is (text that D-Bus does not carry, a message larger than a bus takes);
-/// an empty string if nothing does. Values of a class without a tag are not looked at.
+/// What keeps a list from being sent as it is: text that D-Bus does not carry, a message of more than 32 MiB, which a
+/// bus does not take, or more entries than a signature can name (85 of integers and strings, 51 of binary values).
+/// An empty string if nothing does. Values of a class without a tag are not looked at.
 NELO_RPC_API std::string whyNotSendable(types::CValueList const& list);
 
 /// A new message that the caller owns: a method call to `destination`, which must be a valid bus name.
