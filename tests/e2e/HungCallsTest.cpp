@@ -75,6 +75,24 @@ TEST_F(HungCalls, AreKilledWithoutACancellationPointToo)
     EXPECT_EQ(1, probe.Add(1));
 }
 
+TEST_F(HungCalls, AreKilledBetweenTheCallbacksThatTheySend)
+{
+    // Inside a callback's sending the worker holds locks of the library and of the bus library.
+    CProbeProxy probe(m_client.Get());
+    CTestClient otherClient(m_name);
+    CProbeProxy other(otherClient.Get());
+    for (int i = 1; i <= 3; ++i)
+    {
+        std::atomic<int> received{0};
+        probe.OnCount.Subscribe([&](int) { ++received; });
+        EXPECT_EQ(std::nullopt, probe.Flood.TryCall());
+        EXPECT_GT(received, 0);
+        probe.OnCount.Subscribe([](int) {});
+        EXPECT_EQ(1, probe.Add(1));
+        EXPECT_EQ(i, other.Add(1)) << "no lock was left held";
+    }
+}
+
 TEST_F(HungCalls, CostTheOtherActorsOfTheirClientTheirStateToo)
 {
     CProbeProxy hanging(m_client.Get());

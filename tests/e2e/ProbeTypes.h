@@ -58,9 +58,10 @@ public:
     /// Waits for the server's "release", then does the same.
     nelo_rpc::CProxyFunction<int(int)> BlockAndCount{*this, "BlockAndCount"};
 
-    /// Never return: asleep, or busy without a cancellation point.
+    /// Never return: asleep, busy without a cancellation point, or sending OnCount all the time.
     nelo_rpc::CProxyFunction<int()> Hang{*this, "Hang"};
     nelo_rpc::CProxyFunction<int()> Spin{*this, "Spin"};
+    nelo_rpc::CProxyFunction<int()> Flood{*this, "Flood"};
 
     /// Sends OnEverything with one value of each type.
     nelo_rpc::CProxyFunction<void(int, unsigned int, bool, float, double, std::string, char const*, EColour, Bytes)>

@@ -75,6 +75,15 @@ public:
         spinForEver();
     }
 
+    int Flood()
+    {
+        say("hanging");
+        for (;;)
+        {
+            OnCount.Send(0);
+        }
+    }
+
     void SendEverything(int i, unsigned int u, bool b, float f, double d, std::string const& s, char const* c,
                         EColour e, Bytes const& bytes)
     {
@@ -169,6 +178,7 @@ void setUpProbe(nelo_rpc::CActor& actor, CProbe& probe)
     actor.AddFunction("BlockAndCount", probe, &CProbe::BlockAndCount);
     actor.AddFunction("Hang", probe, &CProbe::Hang);
     actor.AddFunction("Spin", probe, &CProbe::Spin);
+    actor.AddFunction("Flood", probe, &CProbe::Flood);
     actor.AddFunction("SendEverything", probe, &CProbe::SendEverything);
     actor.AddCallback("OnCount", probe.OnCount);
     actor.AddCallback("OnEvent", probe.OnEvent);
