@@ -14,6 +14,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -42,13 +43,14 @@ DBusHandlerResult filterMessage(DBusConnection* connection, DBusMessage* message
     return static_cast<DBusHandlerResult>(static_cast<CDbusPort*>(port)->OnDbusMessage(connection, message));
 }
 
-/// Connections are closed but never given back to libdbus; here a leak checker finds them.
-void keepClosed(DBusConnection* connection)
+/// Connections are closed but never given back to libdbus, and calls that were never answered keep their messages; here
+/// a leak checker finds both.
+void keepForEver(DBusConnection* connection, std::set<DBusMessage*> unanswered)
 {
     static auto& mutex = *new std::mutex;
-    static auto& closed = *new std::vector<DBusConnection*>;
+    static auto& kept = *new std::vector<std::pair<DBusConnection*, std::set<DBusMessage*>>>;
     std::lock_guard<std::mutex> const lock(mutex);
-    closed.push_back(connection);
+    kept.emplace_back(connection, std::move(unanswered));
 }
 
 /// What a thread waits for that does not read the connection itself.
@@ -238,7 +240,7 @@ CDbusPort::~CDbusPort()
     if (m_connection != nullptr)
     {
         Unfilter();
-        keepClosed(m_connection);
+        keepForEver(m_connection, std::move(m_io->unanswered));
     }
 }
 
@@ -355,14 +357,23 @@ void CDbusPort::HandleFunctionCall(types::CValueList const& list, int connection
 {
     // Released by the reply alone: a call that is never answered keeps its message.
     dbus_message_ref(message);
+    {
+        std::lock_guard<std::mutex> const lock(m_io->mutex);
+        m_io->unanswered.insert(message);
+    }
     auto const answered = std::make_shared<std::atomic<bool>>(false);
     OnFunctionCall(list, connectionId, [this, message, answered](types::CValueList const& result) {
         CCancellationGuard const guard;
-        if (!answered->exchange(true))
+        if (answered->exchange(true))
         {
-            dbus::MessagePointer const call(message);
-            SendFunctionResult(message, result);
+            return;
         }
+        dbus::MessagePointer const call(message);
+        {
+            std::lock_guard<std::mutex> const lock(m_io->mutex);
+            m_io->unanswered.erase(message);
+        }
+        SendFunctionResult(message, result);
     });
 }
 

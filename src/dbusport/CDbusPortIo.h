@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <set>
 
 namespace nelo_rpc
 {
@@ -70,6 +71,7 @@ public:
     EReader reader = EReader::Nobody;
     std::deque<types::CValueList> callbacks;
     bool delivering = false; // the queue is emptied
+    std::set<DBusMessage*> unanswered;
 
 private:
     int m_eventFd;

@@ -15,12 +15,12 @@
 
 extern "C"
 {
-int __tsan_get_report_data(void* report, char const** description, int* count, int* stackCount, int* accessCount,
-                           int* locationCount, int* mutexCount, int* threadCount, int* threadIdCount,
-                           void** sleepTrace, unsigned long traceSize);
-int __tsan_get_report_stack(void* report, unsigned long index, void** trace, unsigned long traceSize);
-int __tsan_get_report_mop(void* report, unsigned long index, int* threadId, void** address, int* size, int* write,
-                          int* atomic, void** trace, unsigned long traceSize);
+    int __tsan_get_report_data(void* report, char const** description, int* count, int* stackCount, int* accessCount,
+                               int* locationCount, int* mutexCount, int* threadCount, int* threadIdCount,
+                               void** sleepTrace, unsigned long traceSize);
+    int __tsan_get_report_stack(void* report, unsigned long index, void** trace, unsigned long traceSize);
+    int __tsan_get_report_mop(void* report, unsigned long index, int* threadId, void** address, int* size, int* write,
+                              int* atomic, void** trace, unsigned long traceSize);
 }
 
 namespace
