@@ -4,22 +4,6 @@
 
 #include <cstdlib>
 
-namespace
-{
-bool g_leavesAMessageBehind = false;
-} // namespace
-
-/// Asked by the leak checker, if there is one, at the end of the process.
-extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off()
-{
-    return g_leavesAMessageBehind ? 1 : 0;
-}
-
-void leaveAMessageBehind()
-{
-    g_leavesAMessageBehind = true;
-}
-
 int waitForReceiver(CLogCapture& log)
 {
     std::string const text = "] start m_reciverThread !";

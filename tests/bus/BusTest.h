@@ -65,10 +65,6 @@ inline int countLinesThatBegin(CLogCapture const& log, ELevel level, std::string
                                           [&](std::string const& text) { return text.rfind(beginning, 0) == 0; }));
 }
 
-/// For a test whose port keeps a message for ever, as it does with a call that nobody answers: without this a leak
-/// checker would take that for a mistake.
-void leaveAMessageBehind();
-
 inline int countLinesOf(CLogCapture const& log, ELevel level)
 {
     return static_cast<int>(log.Texts(level).size());

@@ -70,7 +70,7 @@ TEST_P(CDbusPortRefusedText, TurnsAResultIntoAnErrorAnswer)
 {
     CValueList const refused = Refused();
     m_echo.Get().SetFunctionCallListener(
-        [&](CValueList const&, int, CRpcPort::ReplyFunction const& reply) { reply(refused); });
+        [refused](CValueList const&, int, CRpcPort::ReplyFunction const& reply) { reply(refused); });
     CRawPeer peer;
     CLogCapture log;
     MessagePtr const answer = peer.Call(rawCall(m_server).get());
@@ -83,7 +83,7 @@ TEST_P(CDbusPortRefusedText, TurnsAResultIntoAnErrorAnswer)
 TEST_P(CDbusPortRefusedText, TurnsAResultIntoAFailedCall)
 {
     CValueList const refused = Refused();
-    m_echo.Get().SetFunctionCallListener([&](CValueList const& list, int, CRpcPort::ReplyFunction const& reply) {
+    m_echo.Get().SetFunctionCallListener([refused](CValueList const& list, int, CRpcPort::ReplyFunction const& reply) {
         reply(intOf(list) == 1 ? refused : list);
     });
     CLogCapture log;

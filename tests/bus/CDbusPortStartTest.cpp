@@ -343,7 +343,6 @@ TEST_F(CDbusPortStart, WaitsForItsListenerAsLongAsItTakesIfToldTo)
 
 TEST_F(CDbusPortStart, CostsHardlyAnyProcessorTimeWhileItWaitsForItsListener)
 {
-    leaveAMessageBehind();
     CDbusPort port(m_server.c_str(), "org.freedesktop.DBus", true, nelo_rpc::SPortOptions::Recommended());
     MessagePtr const call = rawCall(m_server);
     putInt(call.get(), 0, 10);

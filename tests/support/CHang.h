@@ -31,6 +31,9 @@ public:
     /// The kernel's id of the thread that entered last.
     int GetThread() const { return m_thread; }
 
+    /// Whether that thread has ended.
+    bool IsGone() const { return ::access(("/proc/self/task/" + std::to_string(m_thread)).c_str(), F_OK) != 0; }
+
     /// Whether it was left other than by cancellation.
     bool CameBack() const { return m_cameBack; }
 

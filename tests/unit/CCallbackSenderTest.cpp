@@ -327,6 +327,30 @@ TEST_F(CCallbackSenderOnActors, ASendSurvivesTheDeathOfTheSenderThatItLeadsTo)
 
 // Threads
 
+TEST_F(CCallbackSenderOnActors, ASendInFlightOnAnotherThreadSurvivesTheDeathOfItsSender)
+{
+    auto sender = std::make_unique<CCallbackSender<std::string>>();
+    CActor& first = MakeActor(1);
+    CActor& second = MakeActor(2);
+    sender->AddActor(&first, "OnChanged");
+    sender->AddActor(&second, "OnChanged");
+    CGate inSend;
+    CGate release;
+    m_port.OnSendCallback([&](types::CValueList const&, int) {
+        inSend.Open();
+        return release.Wait();
+    });
+    std::thread publisher([raw = sender.get()] { raw->Send("long enough to live in memory of its own"); });
+    ASSERT_TRUE(inSend.Wait());
+
+    std::thread owner([&] { sender.reset(); });
+    release.Open();
+    owner.join();
+    publisher.join();
+
+    EXPECT_LE(1U, m_port.Callbacks().size());
+}
+
 TEST_F(CCallbackSenderOnActors, RemovalReturnsOnlyWhenNoOtherThreadIsSendingThroughTheActor)
 {
     CActor& actor = MakeActor(1);

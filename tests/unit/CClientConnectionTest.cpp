@@ -129,6 +129,9 @@ std::string callbackText(int actorId, std::string const& name)
     return "callback " + types::toString(callbackOf(actorId, name));
 }
 
+/// What a thread that was given up owned is lost; from here a leak check finds it.
+CActor* volatile g_lost = nullptr;
+
 constexpr char const* TRUE_ANSWER = "{0 = (CBinaryValue[bool=true]) | }";
 constexpr char const* EMPTY_ANSWER = "{}";
 } // namespace
@@ -611,8 +614,10 @@ TEST(CClientConnection, TheNextCallAfterTheLastActorStartsTheWorkerAgain)
 
 TEST(CClientConnection, ActorsMayComeAndGoOverAndOver)
 {
-    CThingServer server;
     CLogCapture log;
+    CThingServer server;
+    ASSERT_TRUE(log.WaitFor("] CThreadWatchdog::Tick")); // the watchdog's own thread is up
+    log.Clear();
     for (int round = 1; round <= 100; ++round)
     {
         int const id = server.Ctor(4);
@@ -621,6 +626,10 @@ TEST(CClientConnection, ActorsMayComeAndGoOverAndOver)
     }
     EXPECT_EQ(100U, server.Destroyed().size());
     EXPECT_EQ(0, log.Count("recreating it"));
+
+    // One worker for each, which ended: no call and no ping started one for nothing.
+    EXPECT_TRUE(log.WaitFor("finishes", 100));
+    EXPECT_EQ(100, log.Count("CLoopThread::Thread starting thread"));
 }
 
 TEST(CClientConnection, CallsThatWereQueuedBehindTheLastDtorAreAnswered)
@@ -635,7 +644,7 @@ TEST(CClientConnection, CallsThatWereQueuedBehindTheLastDtorAreAnswered)
 
     EXPECT_EQ(TRUE_ANSWER, CThingServer::TextOf(*blocked));
     EXPECT_EQ(TRUE_ANSWER, CThingServer::TextOf(*dtor));
-    EXPECT_EQ(types::toString(listOf(static_cast<int>(CClientConnection::lastActorId))), CThingServer::TextOf(*ctor));
+    EXPECT_EQ(types::toString(listOf(id + 1)), CThingServer::TextOf(*ctor));
 }
 
 TEST(CClientConnection, DtorOfActorZeroDoesNothingAndAnswersTrue)
@@ -971,6 +980,19 @@ TEST(CClientConnection, AFailedOnRecreateLetsTheCallBeCarriedOutAndThenTheActorI
     EXPECT_EQ(1, log.Count("CClientConnection::SendCallback client disappeared, unregistering actor"));
 }
 
+TEST(CClientConnection, ACallbackThatFailsDuringTheSetupHasTheActorRemovedOnceItIsMade)
+{
+    CThingServer server;
+    server.onSetup = [](CActor& actor) { EXPECT_FALSE(actor.SendCallback("OnChanged", listOf(1))); };
+    server.port.SetSendResult(false);
+    CLogCapture log;
+
+    int const id = server.Ctor(4);
+
+    EXPECT_TRUE(log.WaitFor("CClientConnection::dtor of " + std::to_string(id) + " done, 1 actors remaining"));
+    EXPECT_EQ(std::vector<int>{1}, server.Destroyed());
+}
+
 TEST(CClientConnection, ARemovalIgnoresAnActorThatTheClientDestroyedMeanwhile)
 {
     CThingServer server;
@@ -1088,6 +1110,7 @@ TEST(CClientConnection, AHungCallIsAnsweredEmptyAndThenTheClientGetsOnKillFromAc
     EXPECT_EQ((Lines{"run Hang", "reply {}", callbackText(0, "OnKill")}), Lines(events.end() - 3, events.end()));
     EXPECT_EQ(4, server.port.Callbacks()[0].connectionId);
     EXPECT_EQ(1, log.Count("CThreadWatchdog::Tick Killing thread "));
+    EXPECT_TRUE(eventually([&] { return server.hang.IsGone(); }));
     EXPECT_FALSE(server.hang.CameBack());
 }
 
@@ -1277,6 +1300,28 @@ TEST(CClientConnection, AHungConstructorOfAnObjectIsKilledToo)
 
     EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
     ASSERT_TRUE(server.port.WaitForCallbacks(1));
+    EXPECT_TRUE(eventually([&] { return hang.IsGone(); }));
+    EXPECT_LT(0, server.Ctor(4)); // and the connection still serves
+}
+
+TEST(CClientConnection, AHungSetupOfAnActorIsKilledToo)
+{
+    CThingServer server(CThingServer::ShortLimits());
+    CHang hang;
+    SActorType type;
+    type.create = []() -> void* { return nullptr; };
+    type.destroy = [](void*) {};
+    type.setup = [&](CActor& actor) {
+        g_lost = &actor;
+        hang.Enter();
+    };
+    server.host->RegisterActorType("Stuck", type);
+
+    auto const reply = server.port.Call(callOf(0, "CClientConnection", "ctor", std::string("Stuck")), 4);
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    ASSERT_TRUE(server.port.WaitForCallbacks(1));
+    EXPECT_TRUE(eventually([&] { return hang.IsGone(); }));
     EXPECT_LT(0, server.Ctor(4)); // and the connection still serves
 }
 
@@ -1294,7 +1339,7 @@ TEST(CClientConnection, AHungDestructorOfAnObjectIsGivenUpAndTheConnectionServes
         thread = threadId();
         release.Wait(60s);
     };
-    type.setup = [](CActor& actor) { lost = &actor; };
+    type.setup = [](CActor& actor) { g_lost = &actor; };
     server.host->RegisterActorType("Sticky", type);
     int const id = server.Ctor(4, "Sticky");
 

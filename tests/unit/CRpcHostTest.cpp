@@ -465,6 +465,45 @@ TEST(CRpcHost, DestructionRightAfterAKillDestroysWhatIsLeftOnceAndAnswersTheQueu
     }
 }
 
+TEST(CRpcHost, DestructionWaitsForTheHandlerOfAKillThatIsInProgress)
+{
+    /// Holds the handler up where it takes an actor off its callbacks.
+    class CSlowCallback : public ICallback
+    {
+    public:
+        void AddActor(CActor*, std::string const&) override {}
+        void RemoveActor(CActor*) override
+        {
+            removing.Open();
+            release.Wait();
+        }
+
+        CGate removing;
+        CGate release;
+    };
+    CSlowCallback slow;
+    CThingServer server(CThingServer::ShortLimits());
+    server.onSetup = [&](CActor& actor) { actor.AddCallback("OnSlow", slow); };
+    int const id = server.Ctor(5);
+    server.Ctor(5);
+    CLogCapture log;
+    auto const hung = server.Call(5, id, "Hang");
+    ASSERT_TRUE(slow.removing.Wait());
+
+    CGate destroyed;
+    std::thread owner([&] {
+        server.host.reset();
+        destroyed.Open();
+    });
+    EXPECT_TRUE(destroyed.StaysShut());
+    slow.release.Open();
+    owner.join();
+
+    EXPECT_EQ(1, hung->Count());
+    EXPECT_EQ(3, log.Count("CActor::~CActor actor=")); // the two and the connection's own
+    EXPECT_EQ(1, log.Count("with 1 registered actors (should be 1)"));
+}
+
 TEST(CRpcHost, EveryCallDuringTheDestructionIsAnsweredOrDroppedWithALine)
 {
     for (int round = 0; round < 5; ++round)
