@@ -63,6 +63,7 @@ struct CLoopThread::SGeneration
     explicit SGeneration(std::uint64_t n) : number(n) {}
 
     std::uint64_t const number;
+    std::shared_ptr<CCancellationRequest> const cancellation = std::make_shared<CCancellationRequest>();
 
     // Guarded by the loop's mutex.
     std::thread thread; // of a retired generation; the current one's is m_thread
@@ -149,7 +150,7 @@ bool CLoopThread::IsCurrentThread() const
 void CLoopThread::Thread(CLoopThread* loop, std::shared_ptr<SGeneration> const& generation)
 {
     // Before anything else: a worker that is cancelled inside the log or under a lock freezes the process.
-    CCancellationWindow::MakeWorker();
+    CCancellationWindow::MakeWorker(generation->cancellation);
     ownLoop = loop;
     ownGeneration = generation.get();
 
@@ -386,7 +387,7 @@ void CLoopThread::Kill()
 void CLoopThread::KillWorker(std::thread& victim, SGeneration& generation)
 {
     pthread_t const handle = victim.native_handle();
-    ::pthread_cancel(handle);
+    generation.cancellation->Send(handle);
 
     // The deadline is long past, so this only looks; the wait comes after it.
     timespec const deadline{5, 0};

@@ -2,6 +2,11 @@
 
 #include <nelo_rpc/Export.h>
 
+#include <pthread.h>
+
+#include <atomic>
+#include <memory>
+
 /// Where a worker thread may be stopped in the middle.
 ///
 /// A hung worker is cancelled. A thread that is cancelled while it holds a lock of the library, of the bus library,
@@ -35,6 +40,33 @@ private:
     EOnLeave const m_onLeave;
     int const m_exceptions;
     int m_oldState;
+    int m_oldType;
+};
+
+/// A cancellation of one worker, and how far it has got. Since 0.1.
+class NELO_RPC_API CCancellationRequest
+{
+public:
+    CCancellationRequest() = default;
+    CCancellationRequest(CCancellationRequest const&) = delete;
+    CCancellationRequest& operator=(CCancellationRequest const&) = delete;
+
+    /// Cancels the worker. Does not wait for its end.
+    void Send(pthread_t worker);
+
+    /// Called by the worker after it closed itself to cancellation: returns when one that was sent before can no
+    /// longer act.
+    void Settle() const;
+
+private:
+    enum class EState
+    {
+        None,
+        OnItsWay,
+        Sent
+    };
+
+    std::atomic<EState> m_state{EState::None};
 };
 
 /// Lets the calling worker thread be cancelled while application code runs; does nothing on other threads. Since 0.1.
@@ -49,10 +81,13 @@ public:
     ~CCancellationWindow() noexcept(false);
 
     /// Makes the calling thread one that windows are opened on, with cancellation disabled outside of them.
-    static void MakeWorker();
+    ///
+    /// @param request  what the thread is cancelled with; kept until the thread has ended.
+    static void MakeWorker(std::shared_ptr<CCancellationRequest> request);
 
 private:
     int m_oldState;
+    int m_oldType;
 };
 
 } // namespace nelo_rpc
