@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -67,6 +68,7 @@ struct CLoopThread::SGeneration
 
     // Guarded by the loop's mutex.
     std::thread thread; // of a retired generation; the current one's is m_thread
+    bool stopQueued = false;
     bool killed = false;
     bool left = false; // will not touch the loop again
 
@@ -285,9 +287,18 @@ void CLoopThread::StopAndJoin()
     logDebug() << "CLoopThread::StopAndJoin thread " << id << " done";
 }
 
+bool CLoopThread::WaitForStop(int milliseconds)
+{
+    CCancellationGuard const guard;
+    auto const* const generation = static_cast<SGeneration const*>(ownGeneration);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_cond.wait_for(lock, std::chrono::milliseconds(milliseconds), [&] { return generation->stopQueued; });
+}
+
 void CLoopThread::PushStop()
 {
     m_queue.push_back(std::make_unique<Message>(Message{{}, "Message::Stop", STOP, m_current->number}));
+    m_current->stopQueued = true;
     m_cond.notify_all();
 }
 

@@ -4,7 +4,6 @@
 
 #include "SystemLog.h"
 
-#include <chrono>
 #include <list>
 #include <utility>
 
@@ -14,7 +13,7 @@ namespace nelo_rpc
 CThreadWatchdog::CThreadWatchdog() : CThreadWatchdog(20000, 5000) {}
 
 CThreadWatchdog::CThreadWatchdog(int timeoutMs, int periodMs)
-    : m_timeoutMs(timeoutMs), m_periodMs(periodMs), m_lastPingId(0), m_stopping(false)
+    : m_timeoutMs(timeoutMs), m_periodMs(periodMs), m_lastPingId(0)
 {
     PostTick();
 }
@@ -56,24 +55,13 @@ void CThreadWatchdog::Tick()
 {
     CCancellationGuard const guard;
     logDebug() << "CThreadWatchdog::Tick";
-    Pause();
-    KillAll(TakeExpired());
-    if (IsStarted())
+    if (!WaitForStop(m_periodMs))
+    {
+        KillAll(TakeExpired());
+    }
+    if (IsStarted()) // posting would start a thread again that a handler stopped
     {
         PostTick();
-        return;
-    }
-    // Stopped by a handler: posting would start the thread again.
-    std::lock_guard<std::mutex> const lock(m_mutex);
-    m_stopping = false;
-}
-
-void CThreadWatchdog::Pause()
-{
-    if (m_periodMs > 0)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_stop.wait_for(lock, std::chrono::milliseconds(m_periodMs), [&] { return m_stopping; });
     }
 }
 
@@ -83,10 +71,6 @@ std::vector<CThreadWatchdog::SPing> CThreadWatchdog::TakeExpired()
     std::vector<SPing> victims;
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
-        if (m_stopping)
-        {
-            return victims; // the pause was cut short, so no period has passed
-        }
         for (auto entry = m_pings.begin(); entry != m_pings.end();)
         {
             SPing& ping = entry->second;
@@ -132,23 +116,6 @@ void CThreadWatchdog::KillAll(std::vector<SPing> const& victims)
 void CThreadWatchdog::PostTick()
 {
     Post(std::bind(&CThreadWatchdog::Tick, this), "CThreadWatchdog::Tick");
-}
-
-void CThreadWatchdog::StopAndJoin()
-{
-    CCancellationGuard const guard;
-    {
-        std::lock_guard<std::mutex> const lock(m_mutex);
-        m_stopping = true;
-        m_stop.notify_all();
-    }
-    CLoopThread::StopAndJoin();
-    if (IsCurrentThread())
-    {
-        return; // a handler: the check that runs it ends the cycle
-    }
-    std::lock_guard<std::mutex> const lock(m_mutex);
-    m_stopping = false;
 }
 
 } // namespace nelo_rpc

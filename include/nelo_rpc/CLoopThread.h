@@ -78,6 +78,12 @@ public:
         CLoopThread& m_thread;
     };
 
+protected:
+    /// For an item of this thread that lasts: waits for the given time, or until the thread is being stopped.
+    ///
+    /// @return whether it is being stopped: the items that follow are those that were posted before.
+    bool WaitForStop(int milliseconds);
+
 private:
     struct Message;
 

@@ -3,7 +3,6 @@
 #include <nelo_rpc/CLoopThread.h>
 #include <nelo_rpc/Export.h>
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -41,11 +40,8 @@ public:
     /// The answer to a ping. An id that is not open any more changes nothing.
     void Pong(unsigned int id, std::string const& name);
 
-    /// The periodic check; only the watchdog's own thread runs it.
+    /// The periodic check; only the watchdog's own thread runs it. Its pause ends when the watchdog is stopped.
     void Tick();
-
-    /// Stops the watchdog's thread after the check in progress, whose pause ends at once.
-    void StopAndJoin();
 
 private:
     struct SPing
@@ -55,7 +51,6 @@ private:
         std::function<void()> onKill;
     };
 
-    void Pause();
     std::vector<SPing> TakeExpired();
     static void KillAll(std::vector<SPing> const& victims);
     void PostTick();
@@ -65,10 +60,6 @@ private:
     int m_timeoutMs;
     int m_periodMs;
     unsigned int m_lastPingId;
-
-    // Guarded by m_mutex.
-    bool m_stopping;
-    std::condition_variable m_stop;
 };
 
 } // namespace nelo_rpc

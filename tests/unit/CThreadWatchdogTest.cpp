@@ -565,8 +565,8 @@ TEST(CThreadWatchdog, StoppingItEndsThePauseAtOnceAndTheChecksForGood)
 
     EXPECT_GT(std::chrono::milliseconds(FOREVER_MS), std::chrono::steady_clock::now() - start);
     EXPECT_FALSE(watchdog.IsStarted());
-    EXPECT_EQ(1, log.Count("] CThreadWatchdog::Tick"));
     EXPECT_TRUE(log.Contains("finishes"));
+    EXPECT_EQ(1, log.Count("] CThreadWatchdog::Tick"));
 }
 
 TEST(CThreadWatchdog, StoppingItLogsAsALoopThreadDoes)
@@ -647,6 +647,20 @@ TEST(CThreadWatchdog, StoppingItWaitsForTheHandlerInProgress)
 }
 
 // Many threads
+
+TEST(CThreadWatchdog, AHandlerMayStopIt)
+{
+    CHungThread thread;
+    CLogCapture log;
+    CThreadWatchdog watchdog(20, 10);
+    watchdog.Ping(
+        thread.Get(), [&] { watchdog.StopAndJoin(); }, "p");
+
+    EXPECT_TRUE(log.WaitFor("CLoopThread::Thread with id="));
+    watchdog.StopAndJoin(); // waits for the thread that stopped itself
+    EXPECT_FALSE(watchdog.IsStarted());
+    EXPECT_EQ(1, log.Count(" from current thread "));
+}
 
 TEST(CThreadWatchdog, PingsOfManyThreadsAreAllAnswered)
 {
