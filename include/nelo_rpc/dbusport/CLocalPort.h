@@ -52,6 +52,9 @@ public:
     /// The same, with `defaultName` as the peer with connection id 0.
     CLocalPort(CLocalBus& bus, char const* name, char const* defaultName, bool bUseAsync);
 
+    /// The mode is never left out.
+    CLocalPort(CLocalBus& bus, char const* name, char const* defaultName) = delete;
+
     /// Waits for a listener that is running, and drops what was not handed to one. Calls in flight, to this port or
     /// from it, end at once without a reply. Not from a listener of this port: that stops the process.
     ~CLocalPort() override;
