@@ -1,6 +1,7 @@
 #include "CFakePort.h"
 #include "CGate.h"
 #include "CLogCapture.h"
+#include "CancelState.h"
 #include "ExpectAbort.h"
 #include "LogLines.h"
 
@@ -564,4 +565,35 @@ TEST_F(CActorProxyOnClient, ProxiesMayBeMadeAndDestroyedWhileCallbacksArrive)
     delivery.join();
 
     EXPECT_EQ(80U, m_port.Calls().size()); // the dtors
+}
+
+TEST_F(CActorProxyOnClient, AWorkerThatUsesAProxyCannotBeCancelledInsideTheLibrary)
+{
+    std::vector<int> inPort;
+    m_port.OnCallFunction([&](types::CValueList const&, int) {
+        inPort.push_back(cancelState().state);
+        return inPort.size() < 3 ? listOf(1) : listOf(true);
+    });
+    SCancelState afterCall;
+    SCancelState afterEnd;
+    CLoopThread worker;
+    worker.Post(
+        [&] {
+            {
+                CActorProxy proxy(&m_client, "Counter");
+                proxy.RemoteCall("Add", {});
+                afterCall = cancelState();
+            }
+            static_cast<void>(m_client.IsConnected());
+            afterEnd = cancelState();
+        },
+        "item");
+    worker.StopAndJoin();
+
+    EXPECT_EQ((std::vector<int>(3, PTHREAD_CANCEL_DISABLE)), inPort); // "ctor", the call and "dtor"
+    for (SCancelState const& after : {afterCall, afterEnd})
+    {
+        EXPECT_EQ(PTHREAD_CANCEL_ENABLE, after.state);
+        EXPECT_EQ(PTHREAD_CANCEL_ASYNCHRONOUS, after.type);
+    }
 }

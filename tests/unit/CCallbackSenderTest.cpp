@@ -3,6 +3,7 @@
 #include "CLogCapture.h"
 #include "CancelState.h"
 #include "LogLines.h"
+#include "VirtualSlot.h"
 
 #include <nelo_rpc/nelo_rpc.h>
 
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -542,13 +542,8 @@ TEST_F(CCallbackSenderOnActors, TheSenderReachesAnActorWithoutKnowingItsClass)
 #if defined(__x86_64__) && defined(__GXX_ABI_VERSION)
 TEST(ICallback, VirtualOperationsKeepTheirPlacesForCallersCompiledEarlier)
 {
-    auto const slotOf = [](auto member) {
-        std::intptr_t offset = 0;
-        std::memcpy(&offset, &member, sizeof(offset));
-        return static_cast<int>((offset - 1) / static_cast<std::intptr_t>(sizeof(void*)));
-    };
     // The destructor takes the first two.
-    EXPECT_EQ(2, slotOf(&ICallback::AddActor));
-    EXPECT_EQ(3, slotOf(&ICallback::RemoveActor));
+    EXPECT_EQ(2, virtualSlotOf(&ICallback::AddActor));
+    EXPECT_EQ(3, virtualSlotOf(&ICallback::RemoveActor));
 }
 #endif

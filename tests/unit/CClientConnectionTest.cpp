@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <regex>
 #include <stdexcept>
@@ -1331,8 +1332,6 @@ TEST(CClientConnection, AHungDestructorOfAnObjectIsGivenUpAndTheConnectionServes
     CThingServer server(CThingServer::ShortLimits());
     CGate release;
     std::atomic<int> thread{0};
-    [[maybe_unused]] static CActor* lost =
-        nullptr; // what such a thread owned is lost, and a leak check must not wonder
     SActorType type;
     type.create = []() -> void* { return nullptr; };
     type.destroy = [&](void*) {
@@ -1355,6 +1354,122 @@ TEST(CClientConnection, AHungDestructorOfAnObjectIsGivenUpAndTheConnectionServes
     EXPECT_TRUE(eventually([&] { return ::access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) != 0; }));
     EXPECT_EQ(1, reply->Count());
     EXPECT_EQ(0U, log.Lines().size());
+}
+
+TEST(CClientConnection, AHungRemovalOfALostActorIsGivenUpAndTheHostCanBeDestroyed)
+{
+    CThingServer server(CThingServer::ShortLimits());
+    CGate entered;
+    CGate release;
+    std::atomic<bool> cameBack{false};
+    std::atomic<int> thread{0};
+    SActorType type;
+    type.create = []() -> void* { return nullptr; };
+    type.destroy = [&](void*) {
+        thread = threadId();
+        entered.Open();
+        release.Wait(60s);
+        cameBack = true;
+    };
+    type.setup = [](CActor& actor) { g_lost = &actor; };
+    server.host->RegisterActorType("Sticky", type);
+    int const id = server.Ctor(4, "Sticky");
+    server.port.SetSendResult(false);
+    EXPECT_FALSE(server.host->GetOrCreateClientConnection(4).SendCallback(id, "OnChanged", listOf(1)));
+    ASSERT_TRUE(entered.Wait());
+
+    server.host.reset();
+
+    EXPECT_FALSE(cameBack);
+    release.Open();
+    EXPECT_TRUE(eventually([&] { return ::access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) != 0; }));
+}
+
+TEST(CClientConnection, ARemovalLeavesAnActorAloneThatWasMadeAnewUnderItsIdMeanwhile)
+{
+    CThingServer server;
+    int const kept = server.Ctor(4);
+    int const id = server.Ctor(4);
+    server.Call(4, kept, "Block");
+    ASSERT_TRUE(server.blocked.Wait());
+    auto const gone = server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4);
+    auto const anew = server.Call(4, id, "Serial");
+    server.port.SetSendResult(false);
+    EXPECT_FALSE(server.host->GetOrCreateClientConnection(4).SendCallback(id, "OnChanged", listOf(1)));
+    server.port.SetSendResult(true);
+
+    server.release.Open(); // now they run in this order: destroy, make anew, remove
+
+    EXPECT_EQ(types::toString(listOf(true)), CThingServer::TextOf(*gone));
+    EXPECT_EQ(types::toString(listOf(3)), CThingServer::TextOf(*anew));
+    EXPECT_EQ(types::toString(listOf(3)), CThingServer::TextOf(*server.Call(4, id, "Serial")));
+    EXPECT_EQ(std::vector<int>{2}, server.Destroyed());
+}
+
+TEST(CClientConnection, AnActorThatIsMadeAnewAfterAKillInItsDestructionCanBeLostAgain)
+{
+    CThingServer server(CThingServer::ShortLimits());
+    int const id = server.Ctor(4);
+    CGate release;
+    server.onDestroy = [&](CThing& thing) {
+        if (thing.GetSerial() == 1)
+        {
+            server.port.SetSendResult(false);
+            thing.OnChanged.Send(1); // nobody is registered any more
+            static_cast<void>(server.host->GetOrCreateClientConnection(4).SendCallback(id, "OnChanged", listOf(1)));
+            server.port.SetSendResult(true);
+            release.Wait(60s);
+        }
+    };
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4)));
+    EXPECT_EQ(types::toString(listOf(2)), CThingServer::TextOf(*server.Call(4, id, "Serial")));
+    CLogCapture log;
+
+    server.port.SetSendResult(false);
+    EXPECT_FALSE(server.LastActor()->SendCallback("OnChanged", listOf(1)));
+
+    EXPECT_TRUE(log.WaitFor("CClientConnection::dtor of " + std::to_string(id) + " done"));
+    EXPECT_EQ(std::vector<int>{2}, server.Destroyed());
+    server.host.reset();
+    release.Open();
+    EXPECT_TRUE(eventually([&] { return server.Destroyed().size() == 2; }));
+}
+
+TEST(CClientConnection, ASetupThatIsKilledLeavesNothingOfItsActorOnASharedSender)
+{
+    CThingServer server(CThingServer::ShortLimits());
+    CHang hang;
+    CCallbackSender<int> shared;
+    SActorType type;
+    type.create = []() -> void* { return nullptr; };
+    type.destroy = [](void*) {};
+    type.setup = [&](CActor& actor) {
+        actor.AddCallback("OnShared", shared);
+        hang.Enter();
+    };
+    server.host->RegisterActorType("Stuck", type);
+    EXPECT_EQ(EMPTY_ANSWER,
+              CThingServer::TextOf(*server.port.Call(callOf(0, "CClientConnection", "ctor", std::string("Stuck")), 4)));
+    ASSERT_TRUE(server.port.WaitForCallbacks(1)); // OnKill
+    ASSERT_TRUE(eventually([&] { return hang.IsGone(); }));
+
+    CLogCapture log;
+    shared.Send(1);
+
+    EXPECT_EQ(1U, server.port.Callbacks().size());
+    EXPECT_EQ(0U, log.Lines().size());
+}
+
+TEST(CClientConnection, TheFirstActorOfAProcessHasIdOne)
+{
+    // In a process of its own, whatever ran before in this one.
+    EXPECT_EXIT(
+        {
+            CThingServer server;
+            bool const ok = server.Ctor(4) == 1 && server.Ctor(7) == 2;
+            std::_Exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(CClientConnection, NoNewWorkerMeetsTheActorsThatTheHandlerOfAKillIsDestroying)

@@ -1103,6 +1103,36 @@ TEST(CLoopThread, AHoldPutsAStartOffUntilItsEnd)
     thread.StopAndJoin();
 }
 
+TEST(CLoopThread, StopAndJoinDuringAHoldWaitsForItAndForWhatWasPostedMeanwhile)
+{
+    CLoopThread thread;
+    CGate held;
+    CGate letGo;
+    std::thread holder([&] {
+        CLoopThread::CStartHold const hold(thread);
+        held.Open();
+        letGo.Wait();
+    });
+    ASSERT_TRUE(held.Wait());
+    std::atomic<bool> ran{false};
+    thread.Post([&] { ran = true; }, "item");
+    CGate stopped;
+    std::thread stopper([&] {
+        thread.StopAndJoin();
+        stopped.Open();
+    });
+
+    EXPECT_TRUE(stopped.StaysShut());
+    EXPECT_FALSE(ran);
+    letGo.Open();
+
+    EXPECT_TRUE(stopped.Wait());
+    EXPECT_TRUE(ran);
+    EXPECT_FALSE(thread.IsStarted());
+    holder.join();
+    stopper.join();
+}
+
 TEST(CLoopThread, AHoldThatNobodyAskedAStartOfStartsNothing)
 {
     CLogCapture log;

@@ -1,14 +1,13 @@
 #include "CFakePort.h"
 #include "CGate.h"
 #include "CLogCapture.h"
+#include "VirtualSlot.h"
 
 #include <nelo_rpc/nelo_rpc.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -445,25 +444,12 @@ TEST(CRpcPort, CanBeDestroyedThroughItsBaseClass)
 }
 
 #if defined(__x86_64__) && defined(__GXX_ABI_VERSION)
-namespace
-{
-/// The place of a virtual function in its table. A pointer to it holds the table's offset plus one.
-template <class Member>
-int slotOf(Member member)
-{
-    std::intptr_t offset = 0;
-    static_assert(sizeof(member) >= sizeof(offset));
-    std::memcpy(&offset, &member, sizeof(offset));
-    return static_cast<int>((offset - 1) / static_cast<std::intptr_t>(sizeof(void*)));
-}
-} // namespace
-
 TEST(CRpcPort, VirtualOperationsKeepTheirPlacesForCallersCompiledEarlier)
 {
     // The destructor takes the first two.
-    EXPECT_EQ(2, slotOf(&CRpcPort::CallFunction));
-    EXPECT_EQ(3, slotOf(&CRpcPort::SendCallback));
-    EXPECT_EQ(4, slotOf(&CRpcPort::IsConnected));
-    EXPECT_EQ(5, slotOf(&CRpcPort::SetTimeoutMs));
+    EXPECT_EQ(2, virtualSlotOf(&CRpcPort::CallFunction));
+    EXPECT_EQ(3, virtualSlotOf(&CRpcPort::SendCallback));
+    EXPECT_EQ(4, virtualSlotOf(&CRpcPort::IsConnected));
+    EXPECT_EQ(5, virtualSlotOf(&CRpcPort::SetTimeoutMs));
 }
 #endif

@@ -1,4 +1,5 @@
 #include "ExpectAbort.h"
+#include "VirtualSlot.h"
 
 #include <nelo_rpc/Log.h>
 #include <nelo_rpc/Values.h>
@@ -55,6 +56,13 @@ TEST(CValue, IsAnAbstractBaseWithAVirtualDestructor)
     EXPECT_TRUE((std::is_base_of_v<CValue, CTypedValue<int>>));
     EXPECT_TRUE((std::is_base_of_v<CValue, CBinaryValue>));
 }
+
+#if defined(__x86_64__) && defined(__GXX_ABI_VERSION)
+TEST(CValue, VirtualOperationsKeepTheirPlacesForCallersCompiledEarlier)
+{
+    EXPECT_EQ(0, virtualSlotOf(&CValue::ToString)); // the destructor takes the next two
+}
+#endif
 
 TEST(CValue, HoldsNoDataOfItsOwn)
 {
