@@ -9,6 +9,7 @@
 ///           drop / host   destroys the host, makes one     exit             ends without cleaning up
 ///           stop          ends in good order, as the end of the input does
 
+#include "CHang.h"
 #include "ProbeTypes.h"
 #include "ProgramSupport.h"
 
@@ -65,7 +66,7 @@ public:
         say("hanging");
         for (;;)
         {
-            std::this_thread::sleep_for(std::chrono::seconds(1));
+            CHang::Sleep();
         }
     }
 
