@@ -131,29 +131,36 @@ void CClientConnection::OnFunctionCallSync(types::CValueList const& call, CRpcPo
     std::string const typeName = types::unpackAt<std::string>(call, protocol::TYPE_NAME);
     std::string const methodName = types::unpackAt<std::string>(call, protocol::METHOD_NAME);
     logDebug() << "CClientConnection::OnFunctionCallSync with function=" << typeName << ":" << methodName;
-    reply(FindOrRecreateActor(actorId, typeName)->CallFunction(methodName, call));
+    auto const actor = FindOrRecreateActor(actorId, typeName);
+    reply(actor->CallFunction(methodName, call));
 }
 
-CActor* CClientConnection::FindOrRecreateActor(int actorId, std::string const& typeName)
+std::shared_ptr<CActor> CClientConnection::FindOrRecreateActor(int actorId, std::string const& typeName)
 {
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         if (CActor* const actor = m_knownActors[actorId])
         {
-            return actor;
+            return Hold(*actor);
         }
     }
     logError() << "Actor is null for actorId=" << actorId << " in connectionId=" << m_connectionId << ", recreating it";
-    CActor* const actor = CreateActorWithId(actorId, typeName);
+    auto actor = Create(actorId, typeName);
     actor->GetRecreateSender().Send();
     return actor;
+}
+
+std::shared_ptr<CActor> CClientConnection::Hold(CActor& actor) const
+{
+    // Actor 0 lives as long as the connection.
+    return &actor == m_ownActor ? std::shared_ptr<CActor>(std::shared_ptr<CActor>(), m_ownActor) : actor.m_self;
 }
 
 int CClientConnection::ctor(std::string typeName)
 {
     CCancellationGuard const guard;
     int const actorId = lastActorId.fetch_add(1) + 1;
-    return CreateActorWithId(actorId, typeName)->GetId();
+    return Create(actorId, typeName)->GetId();
 }
 
 void CClientConnection::dtor(int actorId)
@@ -181,9 +188,14 @@ std::shared_ptr<SActorType const> CClientConnection::FindActorType(std::string c
 CActor* CClientConnection::CreateActorWithId(int actorId, std::string const& typeName)
 {
     CCancellationGuard const guard;
+    return Create(actorId, typeName).get();
+}
+
+std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const& typeName)
+{
     if (typeName == TYPENAME)
     {
-        return m_ownActor;
+        return Hold(*m_ownActor);
     }
     logInconsistency(Info, CREATE, "CClientConnection::ctor typeName= %s", typeName.c_str());
     auto const type = FindActorType(typeName);
@@ -193,29 +205,29 @@ CActor* CClientConnection::CreateActorWithId(int actorId, std::string const& typ
         CCancellationWindow const window;
         object = type->create();
     }
-    CActor* const actor = MakeActor(*type, object, actorId, typeName);
-    Enter(actor, actorId, typeName);
-    logDebug() << "CClientConnection::ctor actor=" << actor << " actorId=" << actorId << " done";
+    auto actor = MakeActor(*type, object, actorId, typeName);
+    Enter(actor.get(), actorId, typeName);
+    logDebug() << "CClientConnection::ctor actor=" << actor.get() << " actorId=" << actorId << " done";
     return actor;
 }
 
-CActor* CClientConnection::MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName)
+std::shared_ptr<CActor> CClientConnection::MakeActor(SActorType const& type, void* object, int actorId,
+                                                     std::string const& typeName)
 {
     // A setup that is killed, or throws, leaves nothing behind that still sends through the actor.
     struct SUnregister
     {
-        void operator()(CActor* actor) const
-        {
-            actor->CleanCallbacks();
-            delete actor;
-        }
+        void operator()(CActor* actor) const { actor->CleanCallbacks(); }
     };
-    std::unique_ptr<CActor, SUnregister> actor(new CActor(*this, actorId, typeName, object));
+    auto actor = std::make_shared<CActor>(*this, actorId, typeName, object);
+    std::unique_ptr<CActor, SUnregister> unfinished(actor.get());
     {
         CCancellationWindow const window;
         type.setup(*actor);
     }
-    return actor.release();
+    actor->m_self = actor;
+    static_cast<void>(unfinished.release());
+    return actor;
 }
 
 void CClientConnection::Enter(CActor* actor, int actorId, std::string const& typeName)
@@ -287,7 +299,12 @@ void CClientConnection::DestroyClaimed(CActor* actor, bool deleteObject)
         CCancellationWindow const window;
     }
     logDebug() << "CClientConnection::dtor deleting actor...";
-    delete actor;
+    std::shared_ptr<CActor> last;
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        last = std::move(actor->m_self);
+    }
+    last.reset();
     logDebug() << "CClientConnection::dtor erasing actor from knownActors...";
     std::size_t const remaining = Erase(actorId, actor);
     logDebug() << "CClientConnection::dtor of " << actorId << " done, " << remaining << " actors remaining";

@@ -97,6 +97,8 @@ public:
     bool SendCallback(std::string const& name, types::CValueList const& list) const;
 
 private:
+    friend class CClientConnection; // which makes it share ownership of itself
+
     void Insert(std::string const& name, ValueListFunction function);
 
     CCallbackSender<> m_recreateSender;
@@ -107,6 +109,10 @@ private:
     std::set<ICallback*> m_callbacks;
     std::string m_typeName;
     void* m_object;
+
+    // Of this object, until the connection lets go of it. A call holds a copy, so that a kill cannot take the actor
+    // away from a worker that is cut off inside the library.
+    std::shared_ptr<CActor> m_self;
 };
 
 } // namespace nelo_rpc

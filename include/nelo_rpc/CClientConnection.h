@@ -78,9 +78,11 @@ private:
 
     void LoseActors();
     void ForgetClaimed();
-    CActor* FindOrRecreateActor(int actorId, std::string const& typeName);
+    std::shared_ptr<CActor> FindOrRecreateActor(int actorId, std::string const& typeName);
+    std::shared_ptr<CActor> Create(int actorId, std::string const& typeName);
     std::shared_ptr<SActorType const> FindActorType(std::string const& typeName);
-    CActor* MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName);
+    std::shared_ptr<CActor> MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName);
+    std::shared_ptr<CActor> Hold(CActor& actor) const;
     void Enter(CActor* actor, int actorId, std::string const& typeName);
     void DestroyClaimed(CActor* actor, bool deleteObject);
     std::size_t Erase(int actorId, CActor* actor);

@@ -526,7 +526,7 @@ TEST(CClientConnection, ARepeatedActorIdIsLoggedAndTheOldActorIsOverwrittenAndLe
 
     server.host.reset();
     EXPECT_EQ(std::vector<int>{1}, server.Destroyed());
-    delete old;
+    g_lost = old;
 }
 
 // Destroying actors
@@ -1383,6 +1383,32 @@ TEST(CClientConnection, AHungRemovalOfALostActorIsGivenUpAndTheHostCanBeDestroye
     EXPECT_FALSE(cameBack);
     release.Open();
     EXPECT_TRUE(eventually([&] { return ::access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) != 0; }));
+}
+
+TEST(CClientConnection, AWorkerThatIsCutOffBetweenOnRecreateAndTheCallKeepsTheActorItWasAbout)
+{
+    SHostOptions options;
+    options.hangLimitMs = 300;
+    options.hangCheckMs = 100;
+    CThingServer server(options);
+    CLogCapture log;
+    std::atomic<bool> isFirst{true};
+    server.port.OnSendCallback([&](types::CValueList const& callback, int) {
+        bool const isRecreate = types::unpackAt<std::string>(callback, protocol::METHOD_NAME) == protocol::ON_RECREATE;
+        if (isRecreate && isFirst.exchange(false))
+        {
+            log.WaitFor("done successfully"); // the bus stalls until the kill has given the worker up
+        }
+        return true;
+    });
+
+    auto const reply = server.Call(4, 77, "Add", 1);
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    ASSERT_TRUE(server.port.WaitForCallbacks(2)); // OnRecreate and OnKill
+    EXPECT_EQ(types::toString(listOf(2)), CThingServer::TextOf(*server.Call(4, 77, "Add", 2)));
+    EXPECT_EQ(1, reply->Count());
+    EXPECT_EQ(2, server.MadeCount());
 }
 
 TEST(CClientConnection, ARemovalLeavesAnActorAloneThatWasMadeAnewUnderItsIdMeanwhile)
