@@ -33,7 +33,9 @@ CActorProxy::CActorProxy(CRpcClient* client, std::string const& typeName)
       m_actorId(0),
       m_callbacksSet(false)
 {
-    CCancellationGuard const guard;
+    // Here and in all constructors that make themselves known elsewhere: unwound at its end, it would leave the client
+    // with a handler of an object that never came to be.
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     logDebug() << "CActorProxy::CActorProxy";
     types::CValueList const reply = callConnection(*m_client, protocol::CTOR, m_typeName);
     if (reply.count(0) != 0)
@@ -50,6 +52,7 @@ CActorProxy::CActorProxy(CRpcClient* client, std::string const& typeName, int ac
       m_actorId(actorId),
       m_callbacksSet(false)
 {
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     SetCallbacks();
 }
 

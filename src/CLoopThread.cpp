@@ -440,7 +440,7 @@ void CLoopThread::CutOff(SGeneration& generation)
 
 CLoopThread::CStartHold::CStartHold(CLoopThread& thread) : m_thread(thread)
 {
-    CCancellationGuard const guard;
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     std::lock_guard<std::mutex> const lock(m_thread.m_mutex);
     m_thread.m_holders.push_back(std::this_thread::get_id());
 }

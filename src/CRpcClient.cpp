@@ -22,7 +22,7 @@ constexpr int SERVER = 0;
 
 CRpcClient::CRpcClient(CRpcPort& port) : m_port(port)
 {
-    CCancellationGuard const guard;
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     m_connectionProxy = std::make_unique<CClientConnectionProxy>(this);
     m_port.SetCallbackListener([this](types::CValueList const& list) { OnCallback(list); });
 }

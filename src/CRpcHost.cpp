@@ -23,6 +23,7 @@ CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
     {
         registerTypes(*this);
     }
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     m_port.SetFunctionCallListener(
         [this](types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply) {
             OnFunctionCall(call, connectionId, std::move(reply));

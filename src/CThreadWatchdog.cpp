@@ -15,6 +15,7 @@ CThreadWatchdog::CThreadWatchdog() : CThreadWatchdog(20000, 5000) {}
 CThreadWatchdog::CThreadWatchdog(int timeoutMs, int periodMs)
     : m_timeoutMs(timeoutMs), m_periodMs(periodMs), m_lastPingId(0)
 {
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     PostTick();
 }
 

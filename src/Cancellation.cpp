@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <atomic>
 #include <exception>
 #include <utility>
 
@@ -51,6 +52,8 @@ void CCancellationRequest::Send(pthread_t worker)
 
 void CCancellationRequest::Settle() const
 {
+    // Not before the thread has closed itself: a request that saw it open is seen here.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
     if (m_state == EState::None)
     {
         return;
@@ -92,7 +95,11 @@ CCancellationGuard::~CCancellationGuard() noexcept(false)
     }
 }
 
-CCancellationWindow::CCancellationWindow() : m_oldState(PTHREAD_CANCEL_DISABLE), m_oldType(PTHREAD_CANCEL_DEFERRED)
+CCancellationWindow::CCancellationWindow()
+    : m_exceptions(std::uncaught_exceptions()),
+      m_oldState(PTHREAD_CANCEL_DISABLE),
+      m_oldType(PTHREAD_CANCEL_DEFERRED),
+      m_wasAsynchronyOwed(isAsynchronyOwed)
 {
     if (ownRequest != nullptr)
     {
@@ -108,9 +115,14 @@ CCancellationWindow::~CCancellationWindow() noexcept(false)
 {
     if (ownRequest != nullptr)
     {
+        if (std::uncaught_exceptions() == m_exceptions)
+        {
+            ::pthread_testcancel(); // for what the application code left deferred
+        }
         int state = 0;
         int type = 0;
         disable(state, type);
+        isAsynchronyOwed = m_wasAsynchronyOwed;
         ::pthread_setcancelstate(m_oldState, nullptr);
         ::pthread_setcanceltype(m_oldType, nullptr);
     }

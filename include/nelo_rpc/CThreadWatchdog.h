@@ -31,7 +31,8 @@ public:
 
     /// Watches `thread` from now until it gets to the ping, which is queued behind what it has to do.
     ///
-    /// @param thread  must outlive the ping: until it answered, or was killed, or the watchdog was stopped.
+    /// @param thread  must outlive the ping: until it answered, or the handlers of all pings that ran out with it have
+    ///                returned, or the watchdog was stopped.
     /// @param onKill  runs on the watchdog's thread after the kill; must not be empty.
     /// @param name    names the ping in log lines.
     /// Every ping is an entry of its own: each one that runs out leads to a kill and a call of its handler.

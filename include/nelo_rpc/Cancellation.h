@@ -86,8 +86,10 @@ public:
     static void MakeWorker(std::shared_ptr<CCancellationRequest> request);
 
 private:
+    int const m_exceptions;
     int m_oldState;
     int m_oldType;
+    bool m_wasAsynchronyOwed;
 };
 
 } // namespace nelo_rpc

@@ -456,17 +456,17 @@ void CLocalPort::CImpl::SendFunctionResult(SMessage& call, types::CValueList con
 
 bool CLocalPort::CImpl::IsConnected(int connectionId)
 {
-    std::string name;
+    std::string name; // empty, and so owned by nobody, if the id was never handed out
     {
         std::lock_guard<std::mutex> const lock(m_connectionsMutex);
         auto const entry = m_connectionNames.find(connectionId);
-        if (entry == m_connectionNames.end())
+        if (entry != m_connectionNames.end())
         {
-            return false;
+            name = entry->second;
         }
-        name = entry->second;
     }
     bool connected = false;
+    if (!name.empty())
     {
         // On a bus the question would wait for a call that is under way, and so it does here.
         std::lock_guard<std::mutex> const lock(m_callMutex);
@@ -493,14 +493,14 @@ void CLocalPort::CImpl::RequireMode(bool bUseAsync) const
 
 CLocalPort::CLocalPort(CLocalBus& bus, char const* name, bool bUseAsync)
 {
-    CCancellationGuard const guard;
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     m_impl = std::make_shared<CImpl>(*this, bus.m_impl, name, bUseAsync);
     m_impl->Open();
 }
 
 CLocalPort::CLocalPort(CLocalBus& bus, char const* name, char const* defaultName, bool bUseAsync)
 {
-    CCancellationGuard const guard;
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     m_impl = std::make_shared<CImpl>(*this, bus.m_impl, name, bUseAsync);
     m_impl->AddConnection(types::toString(defaultName)); // before a peer that calls at once can take the id
     m_impl->Open();

@@ -597,3 +597,39 @@ TEST_F(CActorProxyOnClient, AWorkerThatUsesAProxyCannotBeCancelledInsideTheLibra
         EXPECT_EQ(PTHREAD_CANCEL_ASYNCHRONOUS, after.type);
     }
 }
+
+TEST_F(CActorProxyOnClient, AProxyWhoseWorkerIsKilledWhileItIsMadeIsDestroyedAgain)
+{
+    CLogCapture log;
+    CGate called;
+    std::atomic<bool> giveUp{false};
+    m_port.OnCallFunction([&](types::CValueList const& call, int) {
+        if (types::unpackAt<std::string>(call, protocol::METHOD_NAME) != protocol::CTOR)
+        {
+            return listOf(true);
+        }
+        called.Open();
+        log.WaitFor("CLoopThread::Kill thread ");
+        return listOf(7);
+    });
+    CLoopThread worker;
+    worker.Post(
+        [&] {
+            CActorProxy proxy(&m_client, "Counter");
+            while (!giveUp)
+            {
+                proxy.RemoteCall("Add", {}); // where it ends at the latest
+            }
+        },
+        "item");
+    ASSERT_TRUE(called.Wait());
+
+    worker.Kill();
+    giveUp = true;
+
+    EXPECT_EQ(dtorCall(7), callsOf(m_port).back());
+    log.Clear();
+    auto late = callbackOf(7, "OnChanged");
+    m_port.OnCallback(late);
+    EXPECT_EQ(0, log.Count("CActorProxy::OnCallback"));
+}
