@@ -14,6 +14,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <limits>
 #include <set>
 #include <utility>
 #include <vector>
@@ -154,6 +155,10 @@ void CDbusPort::Open(bool bUseAsync)
     dbus_connection_set_exit_on_disconnect(m_connection, FALSE);
     if (m_bUseAsync)
     {
+        // Every call under way keeps its message. At its default limit the bus library would stop reading, the answers
+        // included that a callback waits for, until some of these calls end: which they may do only after their
+        // callbacks.
+        dbus_connection_set_max_received_size(m_connection, std::numeric_limits<long>::max());
         if (!RequestName())
         {
             return;
@@ -267,17 +272,16 @@ void CDbusPort::AddDefaultConnection(std::string const& name)
 bool CDbusPort::IsConnected(int connectionId) const
 {
     CCancellationGuard const guard;
-    std::string name;
+    std::string name; // empty, and so owned by nobody, if the id was never handed out
     {
         std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
         auto const entry = m_connectionNames.find(connectionId);
-        if (entry == m_connectionNames.end())
+        if (entry != m_connectionNames.end())
         {
-            return false;
+            name = entry->second;
         }
-        name = entry->second;
     }
-    bool const connected = HasOwner(name);
+    bool const connected = !name.empty() && HasOwner(name);
     logDebug() << "CDbusPort::IsConnected returns " << (connected ? "true" : "false");
     return connected;
 }

@@ -36,6 +36,9 @@ int fdOf(DBusConnection* connection)
     return dbus_connection_get_unix_fd(connection, &fd) ? fd : -1;
 }
 
+/// The longest wait when nothing can wake it.
+constexpr int UNWAKEABLE_WAIT_MS = 200;
+
 void addTo(int epollFd, int fd)
 {
     epoll_event event{};
@@ -99,6 +102,12 @@ void CDbusPort::CIo::Drain() const
     [[maybe_unused]] auto const taken = ::read(m_eventFd, &kicks, sizeof(kicks));
 }
 
+int CDbusPort::CIo::Bounded(int timeoutMs) const
+{
+    bool const isTooLong = timeoutMs < 0 || timeoutMs > UNWAKEABLE_WAIT_MS;
+    return m_eventFd < 0 && isTooLong ? UNWAKEABLE_WAIT_MS : timeoutMs;
+}
+
 void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs) const
 {
     pollfd waited[2] = {{m_eventFd, POLLIN, 0}, {fdOf(connection), POLLIN, 0}};
@@ -106,7 +115,7 @@ void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs) const
     {
         waited[1].events |= POLLOUT;
     }
-    ::poll(waited, 2, timeoutMs);
+    ::poll(waited, 2, Bounded(timeoutMs));
     if (waited[0].revents != 0)
     {
         Drain();
@@ -116,7 +125,7 @@ void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs) const
 void CDbusPort::CIo::WaitForKick(int timeoutMs) const
 {
     pollfd waited{m_eventFd, POLLIN, 0};
-    if (::poll(&waited, 1, timeoutMs) > 0)
+    if (::poll(&waited, 1, Bounded(timeoutMs)) > 0)
     {
         Drain();
     }

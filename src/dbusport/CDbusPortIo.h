@@ -74,6 +74,9 @@ public:
     std::set<DBusMessage*> unanswered;
 
 private:
+    /// Without an eventfd nothing ends a wait before its time, so none is long.
+    int Bounded(int timeoutMs) const;
+
     int m_eventFd;
     int m_epollFd = -1;
 };

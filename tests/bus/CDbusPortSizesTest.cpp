@@ -227,6 +227,33 @@ std::size_t residentBytes()
 
 } // namespace
 
+TEST_F(CDbusPortSizes, LetCallbacksOutWhileCallsOfManyMebibytesAreUnderWay)
+{
+    constexpr std::size_t CALLS = 3;
+    CInbox<CRpcPort::ReplyFunction> open;
+    m_echo.Get().SetFunctionCallListener(
+        [&](CValueList const&, int, CRpcPort::ReplyFunction const& reply) { open.Put(reply); });
+    std::vector<std::future<int>> calls;
+    for (std::size_t i = 0; i < CALLS; ++i)
+    {
+        calls.push_back(std::async(std::launch::async, [this] {
+            CDbusPort port(CPrivateBus::UniqueName().c_str(), m_server.c_str(), false);
+            return intOf(port.CallFunction(listOfBytes(25 * MIB), 0));
+        }));
+    }
+    ASSERT_TRUE(open.WaitForCount(CALLS));
+
+    EXPECT_TRUE(m_echo.Get().SendCallback(listOf(1), 0));
+    for (auto const& reply : open.All())
+    {
+        reply(listOf(5));
+    }
+    for (auto& call : calls)
+    {
+        EXPECT_EQ(5, call.get());
+    }
+}
+
 TEST_F(CDbusPortSizes, KeepNoMemoryForCallbacksThatNobodyReads)
 {
     if (IS_SANITIZED)
