@@ -12,8 +12,8 @@ class CDbusPort;
 /// Delivers the callbacks of a synchronous port for as long as it lives.
 ///
 /// Handlers run one at a time, in the order in which the server sent the callbacks, on a thread of this object, also
-/// while other threads are inside calls. They may make calls themselves; what arrives meanwhile is kept, however much it is. One per port; not together with
-/// CDbusPort::DispatchCallbacks(). Since 0.1.
+/// while other threads are inside calls. They may make calls themselves; what arrives meanwhile is kept, however much
+/// it is. One per port; not together with CDbusPort::DispatchCallbacks(). Since 0.1.
 class NELO_RPC_API CCallbackDelivery
 {
 public:

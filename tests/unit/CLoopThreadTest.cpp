@@ -61,8 +61,8 @@ namespace
 {
 using Lines = std::vector<std::string>;
 
-/// Application code that does not come back, without a system call or any other cancellation point. No frame of it needs to be cleaned up and no
-/// sanitizer's run time is entered, since either could not be left from just anywhere.
+/// Application code that does not come back, without a system call or any other cancellation point. No frame of it needs
+/// to be cleaned up and no sanitizer's run time is entered, since either could not be left from just anywhere.
 __attribute__((noinline, no_sanitize("thread", "address", "undefined"))) void spin()
 {
     for (unsigned long volatile turns = 0; turns < 200000000000UL; turns = turns + 1)

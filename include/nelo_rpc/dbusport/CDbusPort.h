@@ -34,7 +34,8 @@ struct NELO_RPC_API SPortOptions
 /// results and callbacks. Synchronous, for a client: it makes calls, one at a time, and receives callbacks only while
 /// a CCallbackDelivery or DispatchCallbacks() delivers them. An operation of the other mode stops the process.
 ///
-/// A port whose connection failed or was lost lives on without one: calls give an empty list, the rest false. Since 0.1.
+/// A port whose connection failed or was lost lives on without one: calls give an empty list, the rest false.
+/// Since 0.1.
 class NELO_RPC_API CDbusPort : public CRpcPort
 {
 public:

@@ -30,8 +30,9 @@ private:
 
 /// A port without a bus, between hosts and clients of one process.
 ///
-/// Modes, names, connection ids, threads and order are those of CDbusPort, log lines are the same under the name CLocalPort, and
-/// lists pass through the same message bodies, so that what could not be sent on a bus cannot be sent here. What differs:
+/// Modes, names, connection ids, threads and order are those of CDbusPort, log lines are the same under the name
+/// CLocalPort, and lists pass through the same message bodies, so that what could not be sent on a bus cannot be sent
+/// here. What differs:
 ///
 /// - A synchronous port delivers its callbacks by itself, on a thread of its own and until it is destroyed. A client
 ///   on it leaves its listener behind: take that away, with SetCallbackListener({}), before destroying the client.
