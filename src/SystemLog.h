@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nelo_rpc/Export.h>
 #include <nelo_rpc/Log.h>
 
 #include <sstream>
@@ -15,12 +16,15 @@ namespace nelo_rpc::log
 /// Whether lines of this level are wanted; one relaxed load.
 bool IsLogged(ELevel level);
 
-/// Writes a line made from a printf-style format, with a priority and a tag.
-[[gnu::format(printf, 3, 4)]] void SystemLogPrint(ELevel level, char const* tag, char const* format, ...);
+/// Writes a line made from a printf-style format, with a priority and a tag. Exported for the tests alone.
+[[gnu::format(printf, 3, 4)]] NELO_RPC_API void SystemLogPrint(ELevel level, char const* tag, char const* format, ...);
 
 /// The same through a log buffer. The system log service has one, so the id changes nothing.
 [[gnu::format(printf, 4, 5)]] void SystemLogBufferPrint(int bufferId, ELevel level, char const* tag, char const* format,
                                                         ...);
+
+/// Where the log daemon's socket is. "/dev/log", unless a test stands in for the daemon. Exported for the tests alone.
+NELO_RPC_API void SetSystemLogPath(std::string path);
 
 constexpr char const* TAG = "NELO_RPC";
 constexpr int MAIN_BUFFER = 0;

@@ -1,4 +1,7 @@
+#include "../../src/SystemLog.h"
+
 #include "CLogCapture.h"
+#include "CLogDaemon.h"
 #include "Eventually.h"
 #include "ExpectAbort.h"
 
@@ -148,10 +151,12 @@ private:
     std::shared_ptr<std::atomic<int>> m_renderings;
 };
 
-/// Puts the threshold back, which belongs to the whole process.
+/// Puts the threshold back, which belongs to the whole process. No daemon listens, whatever the machine has, so what
+/// goes to the system log goes to syslog(3).
 class Log : public ::testing::Test
 {
 protected:
+    Log() { nelo_rpc::log::SetSystemLogPath("/nonexistent/log"); }
     ~Log() override { SetThreshold(ELevel::Debug); }
 };
 using LogDeathTest = Log;
@@ -495,4 +500,39 @@ TEST_F(Log, HoldsTheThresholdForTheSystemLogToo)
     installStderrSink();
 
     EXPECT_TRUE(entries.empty());
+}
+
+TEST_F(Log, LeavesADaemonThatListensOnAStreamToTheSystemsOwnFunction)
+{
+    CLogDaemon daemon;
+    daemon.Stop();
+    daemon.Start(SOCK_STREAM);
+    nelo_rpc::log::SetSystemLogPath(daemon.GetPath());
+    SetSink({});
+    systemLog().Take();
+    logAnErrorLine();
+    auto const entries = systemLog().Take();
+    installStderrSink();
+
+    ASSERT_EQ(1U, entries.size());
+    EXPECT_EQ("NELO_RPC: " + threadIdPrefix() + ERROR_TEXT, entries[0].text);
+}
+
+TEST_F(Log, LeavesTheLinesOfADaemonThatHasGoneToTheSystemsOwnFunction)
+{
+    CLogDaemon daemon;
+    nelo_rpc::log::SetSystemLogPath(daemon.GetPath());
+    SetSink({});
+    systemLog().Take();
+    logAnErrorLine();
+    EXPECT_TRUE(systemLog().Take().empty());
+    EXPECT_EQ(1U, daemon.ReadAll().size());
+
+    daemon.Stop();
+    logAnErrorLine();
+    auto const entries = systemLog().Take();
+    installStderrSink();
+    daemon.Start();
+
+    EXPECT_EQ(1U, entries.size());
 }
