@@ -92,7 +92,7 @@ private:
 
     /// How long a line waits for room while the daemon reads. Also a daemon that works has a full queue now and then:
     /// the kernel's default is room for ten lines.
-    static constexpr Milliseconds PATIENCE{100};
+    static constexpr Milliseconds PATIENCE{500};
 
     /// The same for a process's last word, which nothing comes after that could be held up.
     static constexpr Milliseconds FATAL_PATIENCE{1000};
