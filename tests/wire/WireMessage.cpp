@@ -161,7 +161,7 @@ SWireMessage SWireMessage::Parse(std::string const& bytes)
 
 std::string goldenBytes(std::string const& name)
 {
-    std::ifstream file(std::filesystem::path(__FILE__).parent_path() / "golden" / name);
+    std::ifstream file(std::filesystem::path(NELO_RPC_GOLDEN_DIR) / name);
     if (!file)
     {
         throw std::runtime_error("no such file: " + name);
