@@ -44,4 +44,19 @@ bool CRpcPort::HasFunctionCallListener() const
     return m_functionCallListener.IsSet();
 }
 
+std::optional<SPeerCredentials> CRpcPort::GetPeerCredentials(int /*connectionId*/)
+{
+    return std::nullopt;
+}
+
+std::string CRpcPort::GetPeerName(int /*connectionId*/) const
+{
+    return {};
+}
+
+bool CRpcPort::WatchPeers(std::function<void(int connectionId)> /*onGone*/)
+{
+    return false;
+}
+
 } // namespace nelo_rpc

@@ -4,10 +4,21 @@
 #include <nelo_rpc/Export.h>
 #include <nelo_rpc/GuardedFunction.h>
 
+#include <cstdint>
 #include <functional>
+#include <optional>
+#include <string>
 
 namespace nelo_rpc
 {
+
+/// Who a peer is, as the bus vouches for it. Since 0.1.
+struct SPeerCredentials
+{
+    std::uint32_t uid = 0; ///< user
+    std::uint32_t gid = 0; ///< primary group
+    std::int32_t pid = 0;  ///< process; it may have ended since
+};
 
 /// The transport under a host or a client: sends calls and callbacks to peers and hands what
 /// arrives to two listeners.
@@ -73,6 +84,19 @@ public:
     /// For implementations, on the receiver thread: hands a received callback to the listener.
     /// Without one, logs an error and returns.
     void OnCallback(types::CValueList& callback);
+
+    /// Who the peer is, or nothing if that cannot be told (it is gone, the id is unknown, the port cannot know).
+    /// Asked of the bus once for each peer, and then blocks for a round trip.
+    virtual std::optional<SPeerCredentials> GetPeerCredentials(int connectionId);
+
+    /// The name under which a peer is sent to; empty for an unknown id.
+    virtual std::string GetPeerName(int connectionId) const;
+
+    /// Calls `onGone` with the connection id of every known peer that leaves, once each, on the receiver thread, from
+    /// now until an empty function is set, which returns when the old one is not running on another thread.
+    ///
+    /// @return whether the port can tell.
+    virtual bool WatchPeers(std::function<void(int connectionId)> onGone);
 
 protected:
     /// Whether a listener for calls is installed. Any thread.

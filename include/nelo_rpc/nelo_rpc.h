@@ -4,6 +4,7 @@
 /// CCallbackDelivery and CActorProxy with its endpoints.
 
 // Ground: what is exported, where log lines go, what the two sides agree on.
+#include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
 #include <nelo_rpc/Log.h>
 #include <nelo_rpc/Protocol.h>
@@ -17,6 +18,7 @@
 // Seams: typed functions as remotely callable ones, and the transport.
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/FunctionAdapters.h>
+#include <nelo_rpc/Refusal.h>
 
 // Threads: workers, and what kills hung ones.
 #include <nelo_rpc/CLoopThread.h>

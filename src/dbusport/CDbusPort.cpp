@@ -5,8 +5,11 @@
 
 #include "../SystemLog.h"
 #include "CDbusPortIo.h"
+#include "CDbusPortWatch.h"
 #include "DbusNames.h"
 #include "DbusPointers.h"
+#include "ErrorReply.h"
+#include "MessageCheck.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -86,6 +89,12 @@ std::chrono::steady_clock::time_point deadlineIn(int timeoutMs)
     return now + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
 }
 
+/// Whether anybody waits for an answer. A message without a serial was not sent, and cannot be replied to.
+bool isAnswerable(DBusMessage* call)
+{
+    return !dbus_message_get_no_reply(call) && dbus_message_get_serial(call) != 0;
+}
+
 /// Gives the reply to the caller, or turns an error reply into the cause of a failure.
 DBusMessage* replyOrFailure(dbus::MessagePointer reply, std::string& failure)
 {
@@ -104,6 +113,8 @@ SPortOptions SPortOptions::Recommended()
 {
     SPortOptions options;
     options.waitForListener = true;
+    options.peers = EPeers::Untrusted;
+    options.maxPendingBytes = 32 * 1024 * 1024;
     return options;
 }
 
@@ -114,7 +125,8 @@ CDbusPort::CDbusPort(char const* name, SPortOptions const& options)
       m_timeoutMs(-1),
       m_lastConnectionId(-1),
       m_options(options),
-      m_io(std::make_unique<CIo>())
+      m_io(std::make_unique<CIo>()),
+      m_watch(std::make_shared<CWatch>())
 {
 }
 
@@ -223,6 +235,8 @@ CDbusPort::~CDbusPort()
 {
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     RequireOutside("CDbusPort::~CDbusPort");
+    m_watch->destroying = true;
+    m_watch->lostListener.Set({});
     if (m_connection != nullptr)
     {
         // Closing does not wake a thread that is blocked in a call on the connection; this does.
@@ -252,6 +266,13 @@ CDbusPort::~CDbusPort()
 int CDbusPort::AddConnection(std::string const& name)
 {
     CCancellationGuard const guard;
+    int const connectionId = StoreConnection(name);
+    AskForNames(); // nothing is known to have come from this peer: it may have gone long ago
+    return connectionId;
+}
+
+int CDbusPort::StoreConnection(std::string const& name)
+{
     std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
     int const connectionId = ++m_lastConnectionId;
     m_connectionNames[connectionId] = name;
@@ -281,7 +302,13 @@ bool CDbusPort::IsConnected(int connectionId) const
             name = entry->second;
         }
     }
-    bool const connected = !name.empty() && HasOwner(name);
+    auto const watch = m_watch; // the port may be destroyed while the question is open
+    bool lost = false;
+    bool const connected = !name.empty() && HasOwner(name, lost);
+    if (lost)
+    {
+        watch->TellLoss();
+    }
     logDebug() << "CDbusPort::IsConnected returns " << (connected ? "true" : "false");
     return connected;
 }
@@ -300,8 +327,13 @@ int CDbusPort::OnDbusMessage(DBusConnection* /*connection*/, DBusMessage* messag
     std::string const path = types::toString(dbus_message_get_path(message));
     if (path != dbus::OBJECT_PATH)
     {
-        logError() << "CDbusPort::OnDbusMessage ignoring message from " << sender << " with path=" << path;
-        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        return HandleOtherPath(message, sender, path);
+    }
+    types::CValueList list;
+    bool const isChecked = m_options.peers == EPeers::Untrusted;
+    if (isChecked && (HandleIntrospection(message, path) || IsRefused(message, sender, list)))
+    {
+        return DBUS_HANDLER_RESULT_HANDLED;
     }
 
     int connectionId = -1;
@@ -311,7 +343,10 @@ int CDbusPort::OnDbusMessage(DBusConnection* /*connection*/, DBusMessage* messag
                                "Message from new client %s, storing its connection id = %d", sender.c_str(),
                                connectionId);
     }
-    types::CValueList list = dbus::dbusMessageToValueList(message);
+    if (!isChecked)
+    {
+        list = dbus::dbusMessageToValueList(message);
+    }
     switch (dbus_message_get_type(message))
     {
     case DBUS_MESSAGE_TYPE_SIGNAL:
@@ -331,6 +366,85 @@ int CDbusPort::OnDbusMessage(DBusConnection* /*connection*/, DBusMessage* messag
     return DBUS_HANDLER_RESULT_HANDLED;
 }
 
+int CDbusPort::HandleOtherPath(DBusMessage* message, std::string const& sender, std::string const& path)
+{
+    if (HandleNews(message, sender) || (m_options.peers == EPeers::Untrusted && HandleIntrospection(message, path)))
+    {
+        return DBUS_HANDLER_RESULT_HANDLED;
+    }
+    logError() << "CDbusPort::OnDbusMessage ignoring message from " << sender << " with path=" << path;
+    if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected") && sender.empty())
+    {
+        m_watch->TellLoss();
+    }
+    if (m_options.peers == EPeers::Trusted || dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
+    {
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+    // Where no object is registered at all, libdbus itself would say that the object lacks the method.
+    AnswerWithError(message, refusal::UNKNOWN_OBJECT, "there is no object with this path");
+    return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+bool CDbusPort::HandleIntrospection(DBusMessage* message, std::string const& path)
+{
+    std::string const description = dbus::isIntrospection(message) ? dbus::introspectionOf(path) : "";
+    if (description.empty())
+    {
+        return false;
+    }
+    logDebug() << "CDbusPort::OnDbusMessage introspection of " << path;
+    if (isAnswerable(message))
+    {
+        char const* const text = description.c_str();
+        dbus::MessagePointer const answer(dbus_message_new_method_return(message));
+        dbus_message_append_args(answer.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+        SendFromFilter(answer.get());
+    }
+    return true;
+}
+
+bool CDbusPort::IsRefused(DBusMessage* message, std::string const& sender, types::CValueList& list)
+{
+    dbus::SObjection objection = dbus::objectionTo(message, list);
+    bool const isCall = dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_METHOD_CALL;
+    if (objection.error == nullptr && isCall && !(m_bUseAsync && HasFunctionCallListener()))
+    {
+        // It would never be answered, and be kept for as long as the port lives.
+        objection = {refusal::UNKNOWN_OBJECT, "nothing takes calls here"};
+    }
+    if (objection.error == nullptr)
+    {
+        return false;
+    }
+    logError() << "CDbusPort::OnDbusMessage refused a " << (isCall ? "call" : "message") << " from " << sender << ": "
+               << objection.cause;
+    if (isCall)
+    {
+        AnswerWithError(message, objection.error, objection.cause);
+    }
+    return true;
+}
+
+void CDbusPort::AnswerWithError(DBusMessage* call, char const* error, std::string const& cause)
+{
+    if (isAnswerable(call))
+    {
+        dbus::MessagePointer const answer(dbus_message_new_error(call, error, cause.c_str()));
+        SendFromFilter(answer.get());
+    }
+}
+
+void CDbusPort::SendFromFilter(DBusMessage* message)
+{
+    // Without the send mutex, which a call holds while it waits for the thread that is here. What cannot be written
+    // now is written with what the port reads or sends next.
+    if (m_connection != nullptr)
+    {
+        dbus_connection_send(m_connection, message, nullptr);
+    }
+}
+
 bool CDbusPort::GetOrAddConnection(std::string const& sender, int& connectionId)
 {
     std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
@@ -340,7 +454,7 @@ bool CDbusPort::GetOrAddConnection(std::string const& sender, int& connectionId)
         connectionId = known->second;
         return false;
     }
-    connectionId = AddConnection(sender);
+    connectionId = StoreConnection(sender);
     return true;
 }
 
@@ -415,21 +529,41 @@ types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int con
     int const timeoutMs = m_timeoutMs;
     std::string failure = WhyNotCallable(destination, timeoutMs, call);
     dbus::MessagePointer reply;
+    // The port may be destroyed while the call is under way.
+    auto const watch = m_watch;
+    bool const isTrusted = m_options.peers == EPeers::Trusted;
+    bool lost = false;
     if (failure.empty())
     {
         dbus::MessagePointer const message(dbus::valueListToFunctionCall(destination, call));
         std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
         reply.reset(SendAndWait(message.get(), timeoutMs, failure));
         DropUndelivered();
+        lost = IsLost();
+    }
+    types::CValueList result;
+    bool const isChecked = !isTrusted && reply != nullptr;
+    std::string const cause = isChecked ? dbus::readValueList(reply.get(), result) : "";
+    if (!cause.empty())
+    {
+        failure = "ill-formed reply: " + cause;
+        reply.reset();
     }
     if (!failure.empty())
     {
         logError() << "Dbus error: " << failure;
     }
-    types::CValueList result = dbus::dbusMessageToValueList(reply.get());
+    if (!isChecked)
+    {
+        result = dbus::dbusMessageToValueList(reply.get());
+    }
     if (reply == nullptr)
     {
         logError() << "CDbusPort::SendMessage received empty reply";
+    }
+    if (lost)
+    {
+        watch->TellLoss();
     }
     return result;
 }
@@ -485,24 +619,27 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::st
     return replyOrFailure(dbus::MessagePointer(dbus_pending_call_steal_reply(sent)), failure);
 }
 
-bool CDbusPort::HasOwner(std::string const& name) const
+DBusMessage* CDbusPort::AskBus(char const* question, std::string const& name, bool& lost) const
 {
     if (m_connection == nullptr || !dbus_validate_bus_name(name.c_str(), nullptr))
     {
-        return false;
+        return nullptr;
     }
-    std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
-    if (m_bUseAsync)
-    {
-        return dbus_bus_name_has_owner(m_connection, name.c_str(), nullptr);
-    }
-    dbus::MessagePointer const question(
-        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "NameHasOwner"));
+    dbus::MessagePointer const asked(
+        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, question));
     char const* const text = name.c_str();
-    dbus_message_append_args(question.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    dbus_message_append_args(asked.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
     std::string failure;
-    dbus::MessagePointer const answer(SendAndWait(question.get(), -1, failure));
+    DBusMessage* const answer = SendAndWait(asked.get(), -1, failure);
     DropUndelivered();
+    lost = IsLost();
+    return answer;
+}
+
+bool CDbusPort::HasOwner(std::string const& name, bool& lost) const
+{
+    dbus::MessagePointer const answer(AskBus("NameHasOwner", name, lost));
     dbus_bool_t hasOwner = FALSE;
     return answer != nullptr &&
            dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_BOOLEAN, &hasOwner, DBUS_TYPE_INVALID) && hasOwner;
@@ -510,7 +647,7 @@ bool CDbusPort::HasOwner(std::string const& name) const
 
 void CDbusPort::DropUndelivered() const
 {
-    if (!IsReadBy(EReader::Nobody))
+    if (m_bUseAsync || !IsReadBy(EReader::Nobody))
     {
         return;
     }
@@ -529,6 +666,12 @@ bool CDbusPort::SendCallback(types::CValueList const& callback, int connectionId
     RequireAsynchronous();
     std::string const destination = GetOrInsertName(connectionId);
     logDebug() << "CDbusPort::SendMessage from " << m_name << " to " << destination;
+    if (HasTooMuchToSend()) // before the bus is asked anything: one that takes nothing answers nothing
+    {
+        logError() << "CDbusPort::SendCallback to " << destination << " refused: more than "
+                   << m_options.maxPendingBytes << " bytes wait to be sent";
+        return false;
+    }
     if (!IsConnected(connectionId))
     {
         logDebug() << "CDbusPort::SendCallback failed, can't connect to " << destination;
@@ -544,10 +687,24 @@ bool CDbusPort::SendCallback(types::CValueList const& callback, int connectionId
     return Send(message.get());
 }
 
+bool CDbusPort::HasTooMuchToSend() const
+{
+    return m_options.maxPendingBytes != 0 && m_connection != nullptr &&
+           static_cast<std::size_t>(dbus_connection_get_outgoing_size(m_connection)) > m_options.maxPendingBytes;
+}
+
 bool CDbusPort::SendFunctionResult(DBusMessage* call, types::CValueList const& list)
 {
     CCancellationGuard const guard;
     RequireAsynchronous();
+    if (refusal::CRefusal const* const refused = refusal::find(list))
+    {
+        dbus::SErrorReply const reply = dbus::errorReplyFor(*refused);
+        logDebug() << "CDbusPort::SendFunctionResult to " << types::toString(dbus_message_get_sender(call))
+                   << " refuses: " << reply.name << ": " << reply.text;
+        dbus::MessagePointer const error(dbus_message_new_error(call, reply.name.c_str(), reply.text.c_str()));
+        return Send(error.get());
+    }
     std::string const why = dbus::whyNotSendable(list);
     if (!why.empty())
     {

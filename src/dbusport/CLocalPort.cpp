@@ -4,7 +4,11 @@
 #include <nelo_rpc/dbusport/DbusMarshalling.h>
 
 #include "../SystemLog.h"
+#include "CPeerWatch.h"
 #include "DbusPointers.h"
+#include "ErrorReply.h"
+
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -18,6 +22,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace nelo_rpc
 {
@@ -31,12 +36,22 @@ constexpr int DEFAULT_TIMEOUT_MS = 25000;
 /// Nothing announces a listener, so a port that holds a call back for one looks this often.
 constexpr std::chrono::milliseconds LISTENER_CHECK(10);
 
-/// A message on its way, and of a call the way back.
+/// What a bus tells a port that watches its peers, in the order in which it happens with messages: the name of a port
+/// that has ended, or at the beginning all names that are there.
+struct SNews
+{
+    std::string gone;
+    std::set<std::string> present;
+};
+
+/// A message on its way, and of a call the way back; or news, without a message.
 struct SMessage
 {
     explicit SMessage(DBusMessage* m) : message(m) {}
+    explicit SMessage(SNews n) : news(std::move(n)) {}
 
     dbus::MessagePointer const message;
+    SNews const news;
     std::atomic<bool> replied{false};
 
     // All below is guarded by the bus's mutex.
@@ -52,6 +67,8 @@ struct SMailbox
     std::condition_variable changed;
     std::deque<std::shared_ptr<SMessage>> queue;
     std::set<std::shared_ptr<SMessage>> openCalls; // to the port and from it
+    std::string uniqueName;
+    bool watches = false;
     bool closed = false;
 };
 
@@ -87,6 +104,34 @@ public:
         std::lock_guard<std::mutex> const lock(m_mutex);
         auto const own = m_owners.emplace(name, mailbox);
         return own == m_owners.lower_bound(name);
+    }
+
+    /// The same for the name that nobody else has; before the others.
+    void GiveUniqueName(std::string const& name, std::shared_ptr<SMailbox> const& mailbox)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        mailbox->uniqueName = name;
+        m_owners.emplace(name, mailbox);
+    }
+
+    /// Which ports are there goes to the port at once, and from then on each that ends.
+    void Watch(SMailbox& mailbox)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        SNews news;
+        for (auto const& owner : m_owners)
+        {
+            news.present.insert(owner.first);
+        }
+        mailbox.watches = true;
+        mailbox.queue.push_back(std::make_shared<SMessage>(std::move(news)));
+        mailbox.changed.notify_all();
+    }
+
+    void EndWatch(SMailbox& mailbox)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        mailbox.watches = false;
     }
 
     bool HasOwner(std::string const& name)
@@ -164,6 +209,14 @@ public:
         {
             End(*call, nullptr, "a port was destroyed before the reply came");
         }
+        for (auto const& [name, other] : m_owners)
+        {
+            if (other->watches && name == other->uniqueName) // once for each port
+            {
+                other->queue.push_back(std::make_shared<SMessage>(SNews{mailbox->uniqueName, {}}));
+                other->changed.notify_all();
+            }
+        }
         mailbox->closed = true;
         mailbox->changed.notify_all();
     }
@@ -224,6 +277,9 @@ public:
     void Open();
     void Close();
     int AddConnection(std::string const& name);
+    std::string GetPeerName(int connectionId);
+    std::optional<SPeerCredentials> GetPeerCredentials(int connectionId);
+    void WatchPeers(std::function<void(int connectionId)> onGone);
     types::CValueList CallFunction(types::CValueList const& call, int connectionId);
     bool SendCallback(types::CValueList const& callback, int connectionId);
     bool IsConnected(int connectionId);
@@ -233,6 +289,7 @@ private:
     void RequestName();
     void Receive();
     bool WaitForListener();
+    void OnNews(SNews const& news);
     void OnDbusMessage(std::shared_ptr<SMessage> const& message);
     int GetOrAddConnection(std::string const& sender);
     std::string GetOrInsertName(int connectionId);
@@ -256,13 +313,14 @@ private:
     std::map<int, std::string> m_connectionNames;
     std::map<std::string, int> m_connectionIds;
 
+    CPeerWatch m_watch;
     std::shared_ptr<SMailbox> const m_mailbox = std::make_shared<SMailbox>();
     std::thread m_receiverThread;
 };
 
 void CLocalPort::CImpl::Open()
 {
-    m_bus->GiveName(m_uniqueName, m_mailbox);
+    m_bus->GiveUniqueName(m_uniqueName, m_mailbox);
     m_receiverThread = std::thread(&CImpl::Receive, this);
     if (m_bUseAsync)
     {
@@ -303,6 +361,11 @@ void CLocalPort::CImpl::Receive()
 {
     while (auto const message = m_bus->Receive(*m_mailbox))
     {
+        if (message->message == nullptr)
+        {
+            OnNews(message->news);
+            continue;
+        }
         bool const isCall = dbus_message_get_type(message->message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL;
         if (isCall && m_bUseAsync && !WaitForListener())
         {
@@ -323,6 +386,28 @@ bool CLocalPort::CImpl::WaitForListener()
     }
     m_hasListened = true; // for good: who takes a listener away does not want to be called any more
     return true;
+}
+
+void CLocalPort::CImpl::OnNews(SNews const& news)
+{
+    // In order with the messages, so every peer that a message came from before this has its id, and every one that
+    // a message comes from later was there at the beginning.
+    std::vector<int> gone;
+    {
+        std::lock_guard<std::mutex> const lock(m_connectionsMutex);
+        for (auto const& [name, connectionId] : m_connectionIds)
+        {
+            bool const isUnique = !name.empty() && name.front() == ':';
+            if (isUnique && (news.gone.empty() ? news.present.count(name) == 0 : news.gone == name))
+            {
+                gone.push_back(connectionId);
+            }
+        }
+    }
+    for (int const connectionId : gone)
+    {
+        m_watch.Tell(connectionId);
+    }
 }
 
 void CLocalPort::CImpl::OnDbusMessage(std::shared_ptr<SMessage> const& message)
@@ -384,6 +469,35 @@ std::string CLocalPort::CImpl::GetOrInsertName(int connectionId)
     return m_connectionNames[connectionId];
 }
 
+std::string CLocalPort::CImpl::GetPeerName(int connectionId)
+{
+    std::lock_guard<std::mutex> const lock(m_connectionsMutex);
+    auto const entry = m_connectionNames.find(connectionId);
+    return entry == m_connectionNames.end() ? "" : entry->second;
+}
+
+std::optional<SPeerCredentials> CLocalPort::CImpl::GetPeerCredentials(int connectionId)
+{
+    if (!m_bus->HasOwner(GetPeerName(connectionId)))
+    {
+        return std::nullopt;
+    }
+    return SPeerCredentials{::geteuid(), ::getegid(), ::getpid()};
+}
+
+void CLocalPort::CImpl::WatchPeers(std::function<void(int connectionId)> onGone)
+{
+    m_watch.Set(std::move(onGone));
+    if (m_watch.IsSet())
+    {
+        m_bus->Watch(*m_mailbox);
+    }
+    else
+    {
+        m_bus->EndWatch(*m_mailbox);
+    }
+}
+
 std::shared_ptr<SMessage> CLocalPort::CImpl::FromThisPort(DBusMessage* message) const
 {
     auto sent = std::make_shared<SMessage>(message);
@@ -440,6 +554,15 @@ bool CLocalPort::CImpl::SendCallback(types::CValueList const& callback, int conn
 void CLocalPort::CImpl::SendFunctionResult(SMessage& call, types::CValueList const& result)
 {
     RequireMode(true);
+    if (refusal::CRefusal const* const refused = refusal::find(result))
+    {
+        dbus::SErrorReply const error = dbus::errorReplyFor(*refused);
+        logDebug() << "CLocalPort::SendFunctionResult to "
+                   << types::toString(dbus_message_get_sender(call.message.get())) << " refuses: " << error.name << ": "
+                   << error.text;
+        m_bus->Reply(call, nullptr, error.text);
+        return;
+    }
     std::string const why = dbus::whyNotSendable(result);
     dbus::MessagePointer reply;
     if (why.empty())
@@ -536,6 +659,25 @@ void CLocalPort::SetTimeoutMs(int timeoutMs)
 {
     CCancellationGuard const guard;
     m_impl->SetTimeoutMs(timeoutMs);
+}
+
+std::optional<SPeerCredentials> CLocalPort::GetPeerCredentials(int connectionId)
+{
+    CCancellationGuard const guard;
+    return m_impl->GetPeerCredentials(connectionId);
+}
+
+std::string CLocalPort::GetPeerName(int connectionId) const
+{
+    CCancellationGuard const guard;
+    return m_impl->GetPeerName(connectionId);
+}
+
+bool CLocalPort::WatchPeers(std::function<void(int connectionId)> onGone)
+{
+    CCancellationGuard const guard;
+    m_impl->WatchPeers(std::move(onGone));
+    return true;
 }
 
 } // namespace nelo_rpc

@@ -42,12 +42,56 @@ DBusBasicValue takeBasic(DBusMessageIter* iter)
     return value;
 }
 
-void requireType(DBusMessageIter* iter, int type, char const* complaint)
+using Bytes = std::pair<char const*, unsigned int>;
+
+// Each reads the argument under the iterator and advances, or says why it cannot.
+
+char const* take(DBusMessageIter* iter, int& value)
 {
-    if (dbus_message_iter_get_arg_type(iter) != type)
+    if (dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_INT32)
     {
-        failOn(complaint);
+        return "Integer should be in DBusMessage";
     }
+    value = takeBasic(iter).i32;
+    return nullptr;
+}
+
+char const* take(DBusMessageIter* iter, char*& value)
+{
+    if (dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_STRING)
+    {
+        return "String should be in DBusMessage";
+    }
+    value = takeBasic(iter).str;
+    return nullptr;
+}
+
+char const* take(DBusMessageIter* iter, Bytes& value)
+{
+    if (dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_ARRAY ||
+        dbus_message_iter_get_element_type(iter) != DBUS_TYPE_BYTE)
+    {
+        return "Byte array should be in DBusMessage";
+    }
+    DBusMessageIter elements;
+    dbus_message_iter_recurse(iter, &elements);
+    char const* data = nullptr;
+    int length = 0;
+    dbus_message_iter_get_fixed_array(&elements, &data, &length);
+    dbus_message_iter_next(iter);
+    value = {data, static_cast<unsigned int>(length)};
+    return nullptr;
+}
+
+template <class T>
+T takeOrFail(DBusMessageIter* iter)
+{
+    T value{};
+    if (char const* const why = take(iter, value))
+    {
+        failOn(why);
+    }
+    return value;
 }
 
 MessagePointer requireMessage(DBusMessage* message)
@@ -154,26 +198,70 @@ void putValue(DBusMessageIter* iter, int index, types::CValue& value)
     }
 }
 
-std::shared_ptr<types::CValue> getValue(DBusMessageIter* iter, int index, int tag)
+/// Reads what follows an index and a tag; the cause if that is not what the tag promises.
+std::string getValue(DBusMessageIter* iter, int index, int tag, std::shared_ptr<types::CValue>& value)
 {
+    char const* why = nullptr;
     switch (tag)
     {
     case TAG_INT:
-        return types::makeValue<int>(dbusMessageGet<int>(iter));
+    {
+        int number = 0;
+        why = take(iter, number);
+        value = types::makeValue<int>(number);
+        break;
+    }
     case TAG_STRING:
-        return types::makeValue<std::string>(dbusMessageGet<std::string>(iter));
+    {
+        char* text = nullptr;
+        why = take(iter, text);
+        value = types::makeValue<std::string>(types::toString(text));
+        break;
+    }
     case TAG_C_STRING:
-        return types::makeValue<char*>(dbusMessageGet<char*>(iter));
+    {
+        char* text = nullptr;
+        why = take(iter, text);
+        value = why == nullptr ? types::makeValue<char*>(text) : nullptr;
+        break;
+    }
     case TAG_BINARY:
     {
-        auto const [data, length] = dbusMessageGet<std::pair<char const*, unsigned int>>(iter);
-        int const kind = dbusMessageGet<int>(iter);
-        return std::make_shared<types::CBinaryValue>(data, length, kind);
+        Bytes bytes;
+        int kind = 0;
+        why = take(iter, bytes);
+        why = why == nullptr ? take(iter, kind) : why;
+        value = std::make_shared<types::CBinaryValue>(bytes.first, bytes.second, kind);
+        break;
     }
     default:
-        logFatal() << "Unknown type inside DBusMessage: " << tag << " for map index " << index;
-        std::abort();
+        return "Unknown type inside DBusMessage: " + std::to_string(tag) + " for map index " + std::to_string(index);
     }
+    return types::toString(why);
+}
+
+/// Reads a body up to its end, or up to the first entry that is ill-formed, and then gives the cause.
+std::string getEntries(DBusMessageIter* iter, types::CValueList& list)
+{
+    while (dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_INVALID)
+    {
+        int index = 0;
+        int tag = 0;
+        char const* why = take(iter, index);
+        why = why == nullptr ? take(iter, tag) : why;
+        if (why != nullptr)
+        {
+            return why;
+        }
+        std::shared_ptr<types::CValue> value;
+        std::string cause = getValue(iter, index, tag, value);
+        if (!cause.empty())
+        {
+            return cause;
+        }
+        list[index] = std::move(value);
+    }
+    return "";
 }
 
 } // namespace
@@ -181,38 +269,25 @@ std::shared_ptr<types::CValue> getValue(DBusMessageIter* iter, int index, int ta
 template <>
 int dbusMessageGet<int>(DBusMessageIter* iter)
 {
-    requireType(iter, DBUS_TYPE_INT32, "Integer should be in DBusMessage");
-    return takeBasic(iter).i32;
+    return takeOrFail<int>(iter);
 }
 
 template <>
 char* dbusMessageGet<char*>(DBusMessageIter* iter)
 {
-    requireType(iter, DBUS_TYPE_STRING, "String should be in DBusMessage");
-    return takeBasic(iter).str;
+    return takeOrFail<char*>(iter);
 }
 
 template <>
 std::string dbusMessageGet<std::string>(DBusMessageIter* iter)
 {
-    return dbusMessageGet<char*>(iter);
+    return takeOrFail<char*>(iter);
 }
 
 template <>
 std::pair<char const*, unsigned int> dbusMessageGet<std::pair<char const*, unsigned int>>(DBusMessageIter* iter)
 {
-    if (dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_ARRAY ||
-        dbus_message_iter_get_element_type(iter) != DBUS_TYPE_BYTE)
-    {
-        failOn("Byte array should be in DBusMessage");
-    }
-    DBusMessageIter elements;
-    dbus_message_iter_recurse(iter, &elements);
-    char const* data = nullptr;
-    int length = 0;
-    dbus_message_iter_get_fixed_array(&elements, &data, &length);
-    dbus_message_iter_next(iter);
-    return {data, static_cast<unsigned int>(length)};
+    return takeOrFail<Bytes>(iter);
 }
 
 void dbusMessagePut(DBusMessageIter* iter, char const* value)
@@ -270,23 +345,34 @@ void fillDbusMessage(types::CValueList const& list, DBusMessage* msg)
 
 types::CValueList dbusMessageToValueList(DBusMessage* msg)
 {
-    logDebug() << "nelo_rpc::dbus::dbusMessageToValueList";
     types::CValueList list;
+    std::string const cause = readValueList(msg, list);
+    if (!cause.empty())
+    {
+        failOn(cause.c_str());
+    }
+    return list;
+}
+
+std::string readValueList(DBusMessage* msg, types::CValueList& list)
+{
+    logDebug() << "nelo_rpc::dbus::dbusMessageToValueList";
+    list.clear();
     if (msg == nullptr)
     {
         logDebug() << "nelo_rpc::dbus::dbusMessageToValueList returning empty list";
-        return list;
+        return "";
     }
     DBusMessageIter iter;
     dbus_message_iter_init(msg, &iter);
-    while (dbus_message_iter_get_arg_type(&iter) != DBUS_TYPE_INVALID)
+    std::string cause = getEntries(&iter, list);
+    if (!cause.empty())
     {
-        int const index = dbusMessageGet<int>(&iter);
-        int const tag = dbusMessageGet<int>(&iter);
-        list[index] = getValue(&iter, index, tag);
+        list.clear();
+        return cause;
     }
     logDebug() << "nelo_rpc::dbus::dbusMessageToValueList done, list = " << types::toString(list);
-    return list;
+    return "";
 }
 
 std::string whyNotSendable(types::CValueList const& list)

@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -127,7 +129,9 @@ protected:
         EXPECT_EQ(1, CallWith(1));
     }
 
-    CInbox<SReceived> m_calls; // outlives the ports
+    CInbox<SReceived> m_calls; // these outlive the ports
+    CInbox<int> m_gone;
+    CInbox<std::thread::id> m_threads;
     CLocalBus m_bus;
     std::unique_ptr<CLocalPort> m_server = std::make_unique<CLocalPort>(m_bus, SERVER, true);
     std::unique_ptr<CLocalPort> m_client = std::make_unique<CLocalPort>(m_bus, "client", SERVER, false);
@@ -1303,4 +1307,124 @@ TEST_F(CLocalHost, RemovesTheActorsOfAClientThatIsGoneWhenACallbackFails)
 
     EXPECT_TRUE(eventually([] { return CWorkshop::Living().empty(); }));
     EXPECT_EQ(1, log.Count("CClientConnection::SendCallback client disappeared, unregistering actor"));
+}
+
+// ---- refusals ----
+
+TEST_F(CLocalPortPair, EndsACallThatIsRefusedAsFailedWithItsCause)
+{
+    m_server->SetFunctionCallListener([](CValueList const&, int, ReplyFunction const& reply) {
+        reply(refusal::make(refusal::ACCESS_DENIED, "not for you"));
+    });
+    CLogCapture log;
+
+    EXPECT_TRUE(m_client->CallFunction(listOf(1), 0).empty());
+    expectNoReplyLines(log, "not for you");
+}
+
+TEST_F(CLocalPortPair, SurvivesARefusalThatABusWouldNotCarry)
+{
+    m_server->SetFunctionCallListener([](CValueList const& call, int, ReplyFunction const& reply) {
+        reply(intOf(call) == 1 ? refusal::make("no name", "caf\xe9") : refusal::make("", ""));
+    });
+    for (int const call : {1, 2})
+    {
+        CLogCapture log;
+        EXPECT_TRUE(m_client->CallFunction(listOf(call), 0).empty());
+        expectNoReplyLines(log, "the call was refused");
+    }
+}
+
+// ---- what is known of peers ----
+
+TEST_F(CLocalPortPair, KnowsThatItsPeersAreThisProcess)
+{
+    AnswerAtOnce();
+    EXPECT_FALSE(m_server->GetPeerCredentials(0).has_value());
+    EXPECT_EQ("", m_server->GetPeerName(0));
+    CallWith(1);
+
+    auto const credentials = m_server->GetPeerCredentials(0);
+    ASSERT_TRUE(credentials.has_value());
+    EXPECT_EQ(::geteuid(), credentials->uid);
+    EXPECT_EQ(::getegid(), credentials->gid);
+    EXPECT_EQ(::getpid(), credentials->pid);
+    EXPECT_EQ(':', m_server->GetPeerName(0).front());
+    EXPECT_EQ(SERVER, m_client->GetPeerName(0));
+    EXPECT_FALSE(m_server->GetPeerCredentials(1).has_value());
+
+    m_client.reset();
+    EXPECT_FALSE(m_server->GetPeerCredentials(0).has_value());
+}
+
+TEST_F(CLocalPortPair, TellsOfEachPeerThatEndsOnceAndOnItsOwnThread)
+{
+    CInbox<std::thread::id>& threads = m_threads;
+    CInbox<int>& gone = m_gone;
+    m_server->SetFunctionCallListener([&](CValueList const& call, int, ReplyFunction const& reply) {
+        threads.Put(std::this_thread::get_id());
+        reply(call);
+    });
+    EXPECT_TRUE(m_server->WatchPeers([&](int id) {
+        threads.Put(std::this_thread::get_id());
+        gone.Put(id);
+    }));
+    CallWith(1);
+    EXPECT_EQ(0U, gone.Count());
+    m_client.reset();
+
+    EXPECT_EQ(std::vector<int>{0}, waitFor(gone, 1));
+    EXPECT_EQ(threads.All()[0], threads.All()[1]);
+    EXPECT_TRUE(m_server->WatchPeers([&](int id) { gone.Put(id); }));
+    CLocalPort next(m_bus, "next", SERVER, false);
+    next.CallFunction(listOf(1), 0);
+    EXPECT_EQ(std::vector<int>{0}, gone.All());
+}
+
+TEST_F(CLocalPortPair, TellsOfPeersThatEndedBeforeItWatched)
+{
+    AnswerAtOnce();
+    CallWith(1);
+    m_client.reset();
+    CInbox<int>& gone = m_gone;
+    EXPECT_TRUE(m_server->WatchPeers([&](int id) { gone.Put(id); }));
+
+    EXPECT_EQ(std::vector<int>{0}, waitFor(gone, 1));
+}
+
+TEST_F(CLocalPortPair, TellsOfAPeerWhoseCallWasStillQueuedWhenItEnded)
+{
+    KeepCalls();
+    CGate leave;
+    CGate entered;
+    m_server->SetCallbackListener([&](CValueList const&) {
+        entered.Open();
+        leave.Wait();
+    });
+    CInbox<int>& gone = m_gone;
+    CLocalPort sender(m_bus, "org.example.sender", SERVER, true);
+    ASSERT_TRUE(sender.SendCallback(listOf(1), 0));
+    ASSERT_TRUE(entered.Wait());
+    {
+        CLocalPort brief(m_bus, "org.example.brief", SERVER, true);
+        ASSERT_TRUE(brief.SendCallback(listOf(2), 0));
+    }
+    EXPECT_TRUE(m_server->WatchPeers([&](int id) { gone.Put(id); }));
+    leave.Open();
+
+    EXPECT_EQ(std::vector<int>{1}, waitFor(gone, 1));
+}
+
+TEST_F(CLocalPortPair, TellsOfNobodyAfterTheWatch)
+{
+    AnswerAtOnce();
+    CInbox<int>& gone = m_gone;
+    EXPECT_TRUE(m_server->WatchPeers([&](int id) { gone.Put(id); }));
+    CallWith(1);
+    EXPECT_TRUE(m_server->WatchPeers({}));
+    m_client.reset();
+    CLocalPort next(m_bus, "next", SERVER, false);
+    next.CallFunction(listOf(1), 0); // behind what the end of the other would have brought
+
+    EXPECT_EQ(0U, gone.Count());
 }

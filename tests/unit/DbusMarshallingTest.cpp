@@ -12,6 +12,7 @@
 #include <limits>
 #include <memory>
 #include <ostream>
+#include <random>
 #include <regex>
 #include <string>
 #include <thread>
@@ -794,6 +795,155 @@ TEST(DbusMessageToValueListDeathTest, OfABodyThatEndsInsideAnEntryAborts)
     }
     EXPECT_ABORT(CBody().Int(0).Int(3).Blob("x").Read(), fatalLineOfOurs());
     EXPECT_ABORT(CBody().Int(0).Int(0).Int(7).Int(1).Read(), fatalLineOfOurs());
+}
+
+// ---- bodies of peers that are not trusted ----
+
+namespace
+{
+
+/// What is wrong with a body, and whether nothing of it was kept.
+void expectCause(std::string const& cause, CBody const& body)
+{
+    CValueList list = listOfEveryClass();
+    EXPECT_EQ(cause, readValueList(body.Message(), list));
+    EXPECT_TRUE(list.empty());
+}
+
+void expectCauseForEveryTypeBut(std::string const& right, std::string const& cause,
+                                std::function<void(CBody&)> const& before, std::function<void(CBody&)> const& after)
+{
+    for (SArgument const& argument : argumentsOfEveryType())
+    {
+        SCOPED_TRACE(argument.signature);
+        CBody body;
+        body.Add(before).Add(argument.add).Add(after);
+        if (right != argument.signature)
+        {
+            expectCause(cause, body);
+        }
+    }
+}
+
+constexpr char const* NO_INTEGER = "Integer should be in DBusMessage";
+constexpr char const* NO_STRING = "String should be in DBusMessage";
+constexpr char const* NO_BYTES = "Byte array should be in DBusMessage";
+
+} // namespace
+
+TEST(ReadValueList, ReadsWhatTheOtherReaderReads)
+{
+    CValueList list{{77, makeValue<int>(1)}};
+
+    EXPECT_EQ("", readValueList(filled(listOfEveryClass()).get(), list));
+    EXPECT_EQ(toString(listOfEveryClass()), toString(list));
+}
+
+TEST(ReadValueList, OfANullMessageOrAnEmptyBodyIsEmpty)
+{
+    CValueList list = listOfEveryClass();
+    EXPECT_EQ("", readValueList(nullptr, list));
+    EXPECT_TRUE(list.empty());
+
+    list = listOfEveryClass();
+    EXPECT_EQ("", readValueList(emptyMessage().get(), list));
+    EXPECT_TRUE(list.empty());
+}
+
+TEST(ReadValueList, KeepsTheLaterValueOfAnIndexThatOccursTwice)
+{
+    CValueList list;
+    CBody body;
+    body.Int(5).Int(0).Int(1).Int(5).Int(0).Int(2);
+
+    EXPECT_EQ("", readValueList(body.Message(), list));
+    EXPECT_EQ("{5 = (CTypedValue<int> = 2) | }", toString(list));
+}
+
+TEST(ReadValueList, NamesAnUnknownTagAndItsIndex)
+{
+    expectCause("Unknown type inside DBusMessage: 4 for map index 7", CBody().Int(7).Int(4).Int(0));
+    expectCause("Unknown type inside DBusMessage: -1 for map index -1", CBody().Int(-1).Int(-1));
+    expectCause("Unknown type inside DBusMessage: 2147483647 for map index 0",
+                CBody().Int(0).Int(std::numeric_limits<int>::max()).Int(0));
+}
+
+TEST(ReadValueList, NamesTheTypeThatAnArgumentShouldHave)
+{
+    auto const head = [](int tag) { return [tag](CBody& body) { body.Int(0).Int(tag); }; };
+    expectCauseForEveryTypeBut("i", NO_INTEGER, &nothing, [](CBody& body) { body.Int(0).Int(7); });
+    expectCauseForEveryTypeBut(
+        "i", NO_INTEGER, [](CBody& body) { body.Int(0); }, [](CBody& body) { body.Text("x"); });
+    expectCauseForEveryTypeBut("i", NO_INTEGER, head(0), &nothing);
+    expectCauseForEveryTypeBut("s", NO_STRING, head(1), &nothing);
+    expectCauseForEveryTypeBut("s", NO_STRING, head(2), &nothing);
+    expectCauseForEveryTypeBut("ay", NO_BYTES, head(3), [](CBody& body) { body.Int(9); });
+    expectCauseForEveryTypeBut(
+        "i", NO_INTEGER, [](CBody& body) { body.Int(0).Int(3).Blob("x"); }, &nothing);
+}
+
+TEST(ReadValueList, NamesWhatABodyLacksThatEndsInsideAnEntry)
+{
+    expectCause(NO_INTEGER, CBody().Int(0));
+    expectCause(NO_INTEGER, CBody().Int(0).Int(0));
+    expectCause(NO_STRING, CBody().Int(0).Int(1));
+    expectCause(NO_STRING, CBody().Int(0).Int(2));
+    expectCause(NO_BYTES, CBody().Int(0).Int(3));
+    expectCause(NO_INTEGER, CBody().Int(0).Int(3).Blob("x"));
+}
+
+TEST(ReadValueList, KeepsNothingOfABodyThatBeginsWell)
+{
+    expectCause(NO_INTEGER, CBody().Int(0).Int(0).Int(7).Int(1).Int(1).Text("x").Text("trailing"));
+    expectCause(NO_INTEGER, CBody().Int(0).Int(0).Int(7).Int(1));
+}
+
+TEST(ReadValueList, ReadsABodyOfArgumentsInAnyOrderOrSaysWhyNot)
+{
+    std::vector<SArgument> const arguments = argumentsOfEveryType();
+    std::mt19937 random(20240917); // the same bodies in every run
+    int read = 0;
+    int refused = 0;
+    for (int round = 0; round < 20000; ++round)
+    {
+        CBody body;
+        for (auto count = random() % 9; count > 0; --count)
+        {
+            // Mostly what a body is made of, so that the walk gets on, and tags that it knows.
+            auto const kind = random() % 8;
+            if (kind < 5)
+            {
+                body.Int(static_cast<int>(random() % 5));
+            }
+            else
+            {
+                body.Add(kind == 5 ? [](CBody& b) { b.Text("x"); } : arguments[random() % arguments.size()].add);
+            }
+        }
+        CValueList list;
+        std::string const cause = readValueList(body.Message(), list);
+        if (cause.empty())
+        {
+            ++read;
+            ASSERT_EQ(toString(body.Read()), toString(list));
+        }
+        else
+        {
+            ++refused;
+            ASSERT_TRUE(list.empty());
+        }
+    }
+    EXPECT_GT(read, 1000);
+    EXPECT_GT(refused, 1000);
+}
+
+TEST(ReadValueList, LogsNoErrorOfItsOwn)
+{
+    CLogCapture log;
+    expectCause(NO_INTEGER, CBody().Text("x"));
+
+    EXPECT_TRUE(log.Texts(ELevel::Error).empty());
+    EXPECT_TRUE(log.Texts(ELevel::Fatal).empty());
 }
 
 // ---- elements ----

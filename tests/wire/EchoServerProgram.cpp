@@ -1,6 +1,6 @@
 // A server that answers each call with the call's own arguments.
 //
-// usage: EchoServerProgram <bus name>
+// usage: EchoServerProgram <bus name> [untrusted]
 //
 // Prints "ready" when the name is its own, then "call <connection id> <list>" and "callback <list>" for what arrives.
 // Reads commands from standard input until its end: "callback <connection id>" sends a list of every class of value
@@ -39,14 +39,20 @@ CValueList argumentsOf(CValueList const& call)
 
 int main(int argc, char** argv)
 {
-    if (argc != 2)
+    bool const isUntrusted = argc == 3 && std::string(argv[2]) == "untrusted";
+    if (argc != 2 && !isUntrusted)
     {
-        std::cerr << "usage: EchoServerProgram <bus name>\n";
+        std::cerr << "usage: EchoServerProgram <bus name> [untrusted]\n";
         return 2;
     }
     installStderrSink();
 
-    nelo_rpc::CDbusPort port(argv[1], true, nelo_rpc::SPortOptions::Recommended());
+    nelo_rpc::SPortOptions options = nelo_rpc::SPortOptions::Recommended();
+    if (!isUntrusted)
+    {
+        options.peers = nelo_rpc::EPeers::Trusted; // most lists that are tried out are no calls of actors
+    }
+    nelo_rpc::CDbusPort port(argv[1], true, options);
     port.SetCallbackListener(
         [](CValueList const& callback) { print("callback " + nelo_rpc::types::toString(callback)); });
     port.SetFunctionCallListener(

@@ -110,5 +110,33 @@ class IllFormedBody(WithABus):
                       self.last_words_after("int32:0", "int32:1", "uint32:5"))
 
 
+class OnAServerThatTrustsNobody(WithABus):
+    def setUp(self):
+        super().setUp()
+        self.server = wire.Program(self.bus, "EchoServerProgram", SERVER, "untrusted")
+        self.addCleanup(lambda: self.assertEqual(0, self.server.stop()))
+
+    def ask(self, member, path=wire.PATH):
+        return self.bus.run("dbus-send", "--system", f"--dest={SERVER}", "--print-reply",
+                            f"--reply-timeout={wire.LIMIT * 1000}", path, f"org.freedesktop.DBus.{member}")
+
+    def test_an_unknown_tag_is_refused_and_the_server_goes_on(self):
+        for _ in range(2):
+            done = self.send("int32:3", "int32:4")
+            self.assertNotEqual(0, done.returncode)
+            self.assertIn("org.freedesktop.DBus.Error.InvalidArgs", done.stderr)
+            self.assertIn("Unknown type inside DBusMessage: 4 for map index 3", done.stderr)
+
+    def test_another_member_is_refused(self):
+        self.assertIn("org.freedesktop.DBus.Error.UnknownMethod", self.send(member="Other").stderr)
+
+    def test_the_object_is_described_and_so_is_the_way_to_it(self):
+        self.assertIn(f'<interface name="{wire.INTERFACE}">', self.ask("Introspectable.Introspect").stdout)
+        self.assertIn('<node name="org"/>', self.ask("Introspectable.Introspect", path="/").stdout)
+
+    def test_it_answers_a_ping(self):
+        self.assertEqual(0, self.ask("Peer.Ping").returncode)
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -2,12 +2,16 @@
 
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
 
 #include <atomic>
+#include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -24,7 +28,17 @@ struct NELO_RPC_API SPortOptions
     /// waits for the name and calls at once gets its answer, however long the server takes to make its host.
     bool waitForListener = false;
 
-    /// What a new application should use: waitForListener.
+    /// Untrusted: nothing that a peer sends ends the process. Each message is checked before anything is done about
+    /// it: a call that does not keep to the protocol is refused with an error reply and an error line, a signal is
+    /// dropped with an error line, and an ill-formed reply is no reply. Whoever makes such a call gets no connection
+    /// id for it.
+    EPeers peers = EPeers::Trusted;
+
+    /// How many bytes may wait to be sent before SendCallback fails, with an error line: the bus does not take them.
+    /// The limit counts what all peers of the port have coming. 0: no limit.
+    std::size_t maxPendingBytes = 0;
+
+    /// What a new application should use: waitForListener, untrusted peers, at most 32 MiB waiting.
     static SPortOptions Recommended();
 };
 
@@ -90,11 +104,43 @@ public:
     /// more. One thread at a time; not from a handler. Synchronous ports only.
     void DispatchCallbacks();
 
+    /// See CRpcPort. `gid` is the process's group, if the bus says that the peer belongs to it; else the lowest of the
+    /// groups that the bus names, or the highest possible number if it names none.
+    ///
+    /// The answer about a peer with a unique name is kept, also after it has gone. A well-known name is asked about
+    /// each time, as its owner may change. On a synchronous port a call that is under way is waited for.
+    std::optional<SPeerCredentials> GetPeerCredentials(int connectionId) override;
+
+    /// See CRpcPort.
+    std::string GetPeerName(int connectionId) const override;
+
+    /// See CRpcPort; about peers known by their unique name. Blocks for a round trip. When the bus itself is lost no
+    /// peer is reported: see SetLostListener().
+    ///
+    /// @return false on a synchronous port, without a connection, and if the bus refuses.
+    bool WatchPeers(std::function<void(int connectionId)> onGone) override;
+
+    /// Whether the port has its connection to the bus, and its name if it asked for one. Does not ask the bus: a loss
+    /// shows when the port next reads, which without a receiver, a delivery or a loop is in the next call. Any thread.
+    /// Since 0.1.
+    bool IsOpen() const;
+
+    /// Installs what is called, once, when the connection to the bus is lost; not when the port itself closes it or
+    /// never had it. An empty function removes it. Since 0.1.
+    ///
+    /// It runs on the thread that notices: the receiver, a delivery's reader, or whoever dispatches or calls. If the
+    /// connection was lost before, it runs at once on the calling thread. It may use the port, whose operations fail,
+    /// but not destroy it. Replacing it returns when the old one is not running on another thread.
+    void SetLostListener(std::function<void()> listener);
+
 private:
     friend class CCallbackDelivery;
 
     /// How the outside world is waited for and callbacks leave a synchronous port.
     class CIo;
+
+    /// What is known of the peers beside their names, and of the connection's end.
+    class CWatch;
 
     /// Who reads a synchronous port's connection while no call does.
     enum class EReader
@@ -111,13 +157,21 @@ private:
     void StartReceiver();
     void Receive();
     void HoldFirstDispatchBack();
+    int HandleOtherPath(DBusMessage* message, std::string const& sender, std::string const& path);
+    bool HandleIntrospection(DBusMessage* message, std::string const& path);
+    bool IsRefused(DBusMessage* message, std::string const& sender, types::CValueList& list);
+    void AnswerWithError(DBusMessage* call, char const* error, std::string const& cause);
+    void SendFromFilter(DBusMessage* message);
     void HandleCallback(types::CValueList& list);
     void HandleFunctionCall(types::CValueList const& list, int connectionId, DBusMessage* message);
+    int StoreConnection(std::string const& name);
     bool GetOrAddConnection(std::string const& sender, int& connectionId);
     std::string GetOrInsertName(int connectionId);
     std::string WhyNotCallable(std::string const& destination, int timeoutMs, types::CValueList const& call) const;
     DBusMessage* SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure) const;
-    bool HasOwner(std::string const& name) const;
+    DBusMessage* AskBus(char const* question, std::string const& name, bool& lost) const;
+    bool HasOwner(std::string const& name, bool& lost) const;
+    bool HasTooMuchToSend() const;
     void DropUndelivered() const;
     bool Send(DBusMessage* message);
     void RequireSynchronous() const;
@@ -129,6 +183,12 @@ private:
     void StopReading();
     void Filter();
     void Unfilter();
+    bool MatchNamesThatGo();
+    void AskForNames();
+    bool HandleNews(DBusMessage* message, std::string const& sender);
+    void HandleGoneName(std::string const& name);
+    void HandleNames(DBusMessage* names);
+    bool IsLost() const;
 
     DBusConnection* m_connection;
     std::string m_name;
@@ -143,6 +203,7 @@ private:
 
     SPortOptions m_options;
     std::unique_ptr<CIo> m_io;
+    std::shared_ptr<CWatch> m_watch; // shared with calls in flight
 };
 
 } // namespace nelo_rpc

@@ -4,7 +4,10 @@
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Export.h>
 
+#include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace nelo_rpc
 {
@@ -71,6 +74,16 @@ public:
 
     /// Any value is kept as it is: -1 stands for 25 seconds, and calls with less fail as if no reply came.
     void SetTimeoutMs(int timeoutMs) override;
+
+    /// Those of this process, for a peer that is there. Does not wait.
+    std::optional<SPeerCredentials> GetPeerCredentials(int connectionId) override;
+
+    /// See CRpcPort.
+    std::string GetPeerName(int connectionId) const override;
+
+    /// See CRpcPort; about ports that have called or called back, in both modes. Behind a call that waits for a
+    /// listener, `onGone` waits too.
+    bool WatchPeers(std::function<void(int connectionId)> onGone) override;
 
 private:
     class CImpl;

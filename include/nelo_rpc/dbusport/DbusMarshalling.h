@@ -44,6 +44,12 @@ NELO_RPC_API void fillDbusMessage(types::CValueList const& list, DBusMessage* ms
 /// Reads the body of a message; null gives an empty list. An ill-formed body is fatal.
 NELO_RPC_API types::CValueList dbusMessageToValueList(DBusMessage* msg);
 
+/// The same for a message of somebody who is not trusted: never fatal.
+///
+/// @param list  gets what was read, and nothing if the body is ill-formed.
+/// @return what is wrong with the body; an empty string if nothing is. Never a text that the sender chose.
+NELO_RPC_API std::string readValueList(DBusMessage* msg, types::CValueList& list);
+
 /// What keeps a list from being sent as it is: text that D-Bus does not carry, a message of more than 32 MiB, which a
 /// bus does not take, or more entries than a signature can name (85 of integers and strings, 51 of binary values).
 /// An empty string if nothing does. Values of a class without a tag are not looked at.

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <nelo_rpc/GuardedFunction.h>
+#include <nelo_rpc/dbusport/CDbusPort.h>
+
+#include "CPeerWatch.h"
+
+#include <dbus/dbus.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace nelo_rpc
+{
+
+class CDbusPort::CWatch
+{
+public:
+    void TellLoss()
+    {
+        if (!destroying && !lost.exchange(true))
+        {
+            lostListener.Call();
+        }
+    }
+
+    CPeerWatch peers;
+    std::atomic<bool> watched{false}; // ever: news may still be on their way after the end
+
+    std::atomic<bool> lost{false};
+    std::atomic<bool> destroying{false}; // from then on the connection's end is the port's own doing
+    internal_guarded::CGuardedFunction<> lostListener;
+
+    bool matched = false; // the bus sends names that go; guarded by the port's send mutex
+
+    std::mutex mutex;
+
+    // Guarded by the mutex.
+    std::set<dbus_uint32_t> questions; // for the names that are there, by serial
+    std::map<std::string, SPeerCredentials> credentials;
+};
+
+} // namespace nelo_rpc
