@@ -238,10 +238,11 @@ TEST_F(CDbusPortSizes, LetCallbacksOutWhileCallsOfManyMebibytesAreUnderWay)
     {
         calls.push_back(std::async(std::launch::async, [this] {
             CDbusPort port(CPrivateBus::UniqueName().c_str(), m_server.c_str(), false);
-            return intOf(port.CallFunction(listOfBytes(25 * MIB), 0));
+            port.SetTimeoutMs(100000);
+            return intOf(port.CallFunction(listOfBytes(22 * MIB), 0));
         }));
     }
-    ASSERT_TRUE(open.WaitForCount(CALLS));
+    ASSERT_TRUE(open.WaitForCount(CALLS, seconds(60)));
 
     EXPECT_TRUE(m_echo.Get().SendCallback(listOf(1), 0));
     for (auto const& reply : open.All())
