@@ -75,7 +75,7 @@ public:
     CSystemLog(CSystemLog const&) = delete;
     CSystemLog& operator=(CSystemLog const&) = delete;
 
-    void SetPath(std::string path);
+    void SetPath(std::string path, std::chrono::milliseconds patience);
 
     /// Delivers the line, or drops and counts it. False if there is no socket that could be written to.
     bool Write(ELevel level, char const* tag, std::string const& line);
@@ -89,10 +89,6 @@ private:
         Dropped,
         NobodyThere
     };
-
-    /// How long a line waits for room while the daemon reads. Also a daemon that works has a full queue now and then:
-    /// the kernel's default is room for ten lines.
-    static constexpr Milliseconds PATIENCE{500};
 
     /// The same for a process's last word, which nothing comes after that could be held up.
     static constexpr Milliseconds FATAL_PATIENCE{1000};
@@ -113,6 +109,7 @@ private:
     std::string m_header;
     std::time_t m_second = -1;
     char m_time[32] = "";
+    Milliseconds m_longestPatience = PATIENCE;
     Milliseconds m_patience = PATIENCE;
     unsigned long m_dropped = 0;
 };
@@ -133,12 +130,13 @@ CSystemLog::CSystemLog()
     ::pthread_atfork([] { held->lock(); }, [] { held->unlock(); }, [] { held->unlock(); });
 }
 
-void CSystemLog::SetPath(std::string path)
+void CSystemLog::SetPath(std::string path, std::chrono::milliseconds patience)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     Close();
     m_path = std::move(path);
-    m_patience = PATIENCE;
+    m_longestPatience = patience;
+    m_patience = patience;
     m_dropped = 0;
 }
 
@@ -237,7 +235,7 @@ int CSystemLog::SendOnce(std::string const& text, Milliseconds patience)
             return EAGAIN;
         }
     }
-    m_patience = std::min(m_patience + Milliseconds(1), PATIENCE);
+    m_patience = std::min(m_patience + Milliseconds(1), m_longestPatience);
     return 0;
 }
 
@@ -370,9 +368,9 @@ void SetSink(Sink sink)
     }
 }
 
-void SetSystemLogPath(std::string path)
+void SetSystemLogPath(std::string path, std::chrono::milliseconds patience)
 {
-    systemLog().SetPath(std::move(path));
+    systemLog().SetPath(std::move(path), patience);
 }
 
 bool IsLogged(ELevel level)

@@ -3,6 +3,7 @@
 #include <nelo_rpc/Export.h>
 #include <nelo_rpc/Log.h>
 
+#include <chrono>
 #include <sstream>
 #include <string>
 
@@ -23,8 +24,12 @@ bool IsLogged(ELevel level);
 [[gnu::format(printf, 4, 5)]] void SystemLogBufferPrint(int bufferId, ELevel level, char const* tag, char const* format,
                                                         ...);
 
+/// How long a line waits for room while the daemon reads. Also a daemon that works has a full queue now and then: the
+/// kernel's default is room for ten lines.
+constexpr std::chrono::milliseconds PATIENCE{500};
+
 /// Where the log daemon's socket is. "/dev/log", unless a test stands in for the daemon. Exported for the tests alone.
-NELO_RPC_API void SetSystemLogPath(std::string path);
+NELO_RPC_API void SetSystemLogPath(std::string path, std::chrono::milliseconds patience = PATIENCE);
 
 constexpr char const* TAG = "NELO_RPC";
 constexpr int MAIN_BUFFER = 0;

@@ -189,6 +189,7 @@ TEST_F(SystemLog, TakesLinesOfStaticDestructors)
 
 TEST_F(SystemLog, WaitsForADaemonThatReads)
 {
+    SetSystemLogPath(m_daemon.GetPath(), std::chrono::seconds(30)); // on a busy machine a reader may be late
     CReader reader(m_daemon);
     std::vector<std::string> expected;
     for (int i = 0; i < 2000; ++i)
