@@ -445,9 +445,9 @@ TEST_P(CUntrustingClient, TakesAnIllFormedReplyForNone)
     CLogCapture log;
 
     EXPECT_TRUE(m_port.CallFunction(listOf(1), 0).empty());
-    EXPECT_EQ((std::vector<std::string>{"Dbus error: ill-formed reply: Integer should be in DBusMessage",
-                                        "CDbusPort::SendMessage received empty reply"}),
-              log.Texts(ELevel::Error));
+    // The bus's own first signal to the port may leave a line of its own, sooner or later.
+    EXPECT_EQ(1, countLines(log, ELevel::Error, "Dbus error: ill-formed reply: Integer should be in DBusMessage"));
+    EXPECT_EQ(1, countLines(log, ELevel::Error, "CDbusPort::SendMessage received empty reply"));
 }
 
 TEST_P(CUntrustingClient, TakesAReplyWithoutAnAddress)

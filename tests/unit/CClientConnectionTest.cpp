@@ -1436,6 +1436,7 @@ TEST(CClientConnection, AnActorThatIsMadeAnewAfterAKillInItsDestructionCanBeLost
 {
     CThingServer server(CThingServer::ShortLimits());
     int const id = server.Ctor(4);
+    g_lost = server.LastActor();
     CGate release;
     server.onDestroy = [&](CThing& thing) {
         if (thing.GetSerial() == 1)
