@@ -2,6 +2,7 @@
 #include "CGate.h"
 #include "CHang.h"
 #include "CLogCapture.h"
+#include "CSlowCallback.h"
 #include "CThingServer.h"
 #include "CancelState.h"
 #include "Eventually.h"
@@ -1501,20 +1502,6 @@ TEST(CClientConnection, TheFirstActorOfAProcessHasIdOne)
 
 TEST(CClientConnection, NoNewWorkerMeetsTheActorsThatTheHandlerOfAKillIsDestroying)
 {
-    /// Holds the handler up where it takes an actor off its callbacks.
-    class CSlowCallback : public ICallback
-    {
-    public:
-        void AddActor(CActor*, std::string const&) override {}
-        void RemoveActor(CActor*) override
-        {
-            removing.Open();
-            release.Wait();
-        }
-
-        CGate removing;
-        CGate release;
-    };
     CSlowCallback slow;
     CThingServer server(CThingServer::ShortLimits());
     std::atomic<bool> first{true};

@@ -2,6 +2,7 @@
 #include "CGate.h"
 #include "CHang.h"
 #include "CLogCapture.h"
+#include "CSlowCallback.h"
 #include "CThingServer.h"
 #include "Eventually.h"
 #include "LogLines.h"
@@ -467,20 +468,6 @@ TEST(CRpcHost, DestructionRightAfterAKillDestroysWhatIsLeftOnceAndAnswersTheQueu
 
 TEST(CRpcHost, DestructionWaitsForTheHandlerOfAKillThatIsInProgress)
 {
-    /// Holds the handler up where it takes an actor off its callbacks.
-    class CSlowCallback : public ICallback
-    {
-    public:
-        void AddActor(CActor*, std::string const&) override {}
-        void RemoveActor(CActor*) override
-        {
-            removing.Open();
-            release.Wait();
-        }
-
-        CGate removing;
-        CGate release;
-    };
     CSlowCallback slow;
     CThingServer server(CThingServer::ShortLimits());
     server.onSetup = [&](CActor& actor) { actor.AddCallback("OnSlow", slow); };
