@@ -4,6 +4,7 @@
 #include "CancelState.h"
 #include "Eventually.h"
 #include "ExpectAbort.h"
+#include "LastFunction.h"
 #include "LogLines.h"
 
 #include <nelo_rpc/nelo_rpc.h>
@@ -1172,7 +1173,8 @@ TEST(CLoopThreadDeathTest, AnExceptionThatLeavesAnItemEndsTheProcess)
 
 namespace
 {
-std::atomic<bool> g_useTheLibraryAtExit{false};
+constexpr int EXIT_BUSY = 4;
+
 std::atomic<unsigned long> g_ranAtExit{0};
 CLoopThread* g_threadAtExit = nullptr; // never destroyed: it is alive at exit, that is the point
 
@@ -1185,23 +1187,10 @@ void keepBusy()
     g_threadAtExit->Post(&keepBusy, types::toString(list));
 }
 
-/// Runs after the destructors of all objects with static storage that were made after it, in the child of a death
-/// test only: the thread must still render lists and write lines.
-void useTheLibraryAtExit()
+void expectThatItIsStillBusy()
 {
-    if (g_useTheLibraryAtExit)
-    {
-        auto const before = g_ranAtExit.load();
-        if (!eventually([&] { return g_ranAtExit.load() > before + 100; }))
-        {
-            ::_exit(3);
-        }
-    }
-}
-
-__attribute__((constructor(101))) void beforeAllStaticObjects()
-{
-    static_cast<void>(std::atexit(&useTheLibraryAtExit));
+    auto const before = g_ranAtExit.load();
+    ::_exit(eventually([&] { return g_ranAtExit.load() > before + 100; }) ? EXIT_BUSY : EXIT_FAILURE);
 }
 } // namespace
 
@@ -1210,10 +1199,10 @@ TEST(CLoopThreadDeathTest, AThreadAliveAtExitMayStillPostRenderListsAndWriteLine
     EXPECT_EXIT(
         {
             log::SetSink([](ELevel, std::string const&) {});
-            g_useTheLibraryAtExit = true;
+            runAfterStaticDestructors(&expectThatItIsStillBusy);
             g_threadAtExit = new CLoopThread;
             keepBusy();
             std::exit(0);
         },
-        ::testing::ExitedWithCode(0), "");
+        ::testing::ExitedWithCode(EXIT_BUSY), "");
 }

@@ -5,15 +5,19 @@
 #include "CSlowCallback.h"
 #include "CThingServer.h"
 #include "Eventually.h"
+#include "LastFunction.h"
 #include "LogLines.h"
 
 #include <nelo_rpc/nelo_rpc.h>
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -644,4 +648,36 @@ TEST(CRpcHost, SlowAHungCallIsReportedTwiceAndKilledBetweenFifteenAndTwentySecon
     ASSERT_TRUE(server.port.WaitForCallbacks(2));
     EXPECT_EQ(types::toString(callbackOf(0, "OnKill")), types::toString(server.port.Callbacks()[0].list));
     EXPECT_EQ(types::toString(callbackOf(id, "OnRecreate")), types::toString(server.port.Callbacks()[1].list));
+}
+
+// The end of the process
+
+namespace
+{
+constexpr int EXIT_SERVED = 4;
+
+CThingServer* g_serverAtExit = nullptr; // never destroyed: it is alive at exit, that is the point
+
+void expectThatItStillServes()
+{
+    auto const ctor = g_serverAtExit->port.Call(callOf(0, "CClientConnection", "ctor", std::string("Thing")), 6);
+    auto const own =
+        g_serverAtExit->port.Call(callOf(0, "CClientConnection", "ctor", std::string("CClientConnection")), 6);
+    auto const made = ctor->Wait();
+    auto const none = own->Wait();
+    bool const served = made && types::unpackAt<int>(*made, 0) > 0 && none && types::unpackAt<int>(*none, 0) == 0;
+    ::_exit(served ? EXIT_SERVED : EXIT_FAILURE);
+}
+} // namespace
+
+TEST(CRpcHostDeathTest, AHostAliveAtExitStillServes)
+{
+    EXPECT_EXIT(
+        {
+            runAfterStaticDestructors(&expectThatItStillServes);
+            g_serverAtExit = new CThingServer;
+            g_serverAtExit->Ctor(5);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(EXIT_SERVED), "");
 }
