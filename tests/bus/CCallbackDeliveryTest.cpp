@@ -1,5 +1,6 @@
 #include "BusTest.h"
 
+#include <dlfcn.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -7,6 +8,26 @@
 #include <atomic>
 
 using nelo_rpc::CCallbackDelivery;
+
+// A reply that is there before anybody can be notified of it comes about once in many thousand calls. Here it always
+// does when a test asks for it.
+namespace
+{
+std::atomic<bool> g_notifyLate{false};
+std::atomic<int> g_lateNotifies{0};
+} // namespace
+
+extern "C" dbus_bool_t dbus_pending_call_set_notify(DBusPendingCall* pending, DBusPendingCallNotifyFunction notify,
+                                                    void* data, DBusFreeFunction freeData)
+{
+    static auto const real =
+        reinterpret_cast<decltype(&dbus_pending_call_set_notify)>(::dlsym(RTLD_NEXT, "dbus_pending_call_set_notify"));
+    if (g_notifyLate && eventually([&] { return dbus_pending_call_get_completed(pending); }))
+    {
+        ++g_lateNotifies;
+    }
+    return real(pending, notify, data, freeData);
+}
 
 namespace
 {
@@ -217,6 +238,17 @@ TEST_F(CCallbackDeliveryOnBus, LeavesCallsTheirTimeout)
     EXPECT_LT(since(start), seconds(5));
     EXPECT_EQ(1, countLinesThatBegin(log, ELevel::Error, "Dbus error: "));
     EXPECT_EQ(1, countLines(log, ELevel::Error, "CDbusPort::SendMessage received empty reply"));
+}
+
+TEST_F(CCallbackDeliveryOnBus, NoticesAReplyThatIsThereBeforeItCanBeNotified)
+{
+    CCallbackDelivery const delivery(m_port);
+    g_notifyLate = true;
+    auto call = std::async(std::launch::async, [this] { return intOf(m_port.CallFunction(listOf(5), 0)); });
+
+    EXPECT_TRUE(isReady(call, seconds(20))); // and not at the time-out, after 25
+    EXPECT_EQ(5, call.get());
+    EXPECT_EQ(1, g_lateNotifies);
 }
 
 TEST_F(CCallbackDeliveryOnBus, IsNotHarmedByALateReply)

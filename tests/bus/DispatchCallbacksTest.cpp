@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <stdexcept>
 
 namespace
 {
@@ -129,6 +130,23 @@ TEST_F(CDispatchCallbacksDeathTest, OfAHandlerThatDispatchesAgainLogsAndAborts)
     m_port.SetCallbackListener([this](CValueList const&) { m_port.DispatchCallbacks(); });
 
     EXPECT_ABORT(DispatchUntil(1), "CDbusPort::DispatchCallbacks called by a listener that the port runs");
+}
+
+TEST_F(CDispatchCallbacksDeathTest, OfAHandlerThatThrowsEndsTheProcessAndIsNotCaughtOutside)
+{
+    SendCallbacks(0, 1);
+    m_port.SetCallbackListener([](CValueList const&) { throw std::runtime_error("thrown by a handler"); });
+    auto const dispatch = [this] {
+        try
+        {
+            DispatchUntil(1);
+        }
+        catch (std::runtime_error const&)
+        {
+        }
+    };
+
+    EXPECT_ABORT(dispatch(), "thrown by a handler");
 }
 
 TEST_F(CDispatchCallbacks, AlwaysGivesTheSameDescriptor)
