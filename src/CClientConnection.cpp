@@ -9,6 +9,7 @@
 #include "SystemLog.h"
 
 #include <cstdlib>
+#include <exception>
 #include <utility>
 
 namespace nelo_rpc
@@ -131,6 +132,11 @@ void CClientConnection::OnFunctionCallSync(types::CValueList const& call, CRpcPo
     std::string const typeName = types::unpackAt<std::string>(call, protocol::TYPE_NAME);
     std::string const methodName = types::unpackAt<std::string>(call, protocol::METHOD_NAME);
     logDebug() << "CClientConnection::OnFunctionCallSync with function=" << typeName << ":" << methodName;
+    if (IsChecked())
+    {
+        CarryOutChecked(call, reply);
+        return;
+    }
     auto const actor = FindOrRecreateActor(actorId, typeName);
     reply(actor->CallFunction(methodName, call));
 }
@@ -144,9 +150,18 @@ std::shared_ptr<CActor> CClientConnection::FindOrRecreateActor(int actorId, std:
             return Hold(*actor);
         }
     }
+    return Recreate(actorId, typeName, {});
+}
+
+std::shared_ptr<CActor> CClientConnection::Recreate(int actorId, std::string const& typeName,
+                                                    std::function<bool(CActor const& actor)> const& isWanted)
+{
     logError() << "Actor is null for actorId=" << actorId << " in connectionId=" << m_connectionId << ", recreating it";
-    auto actor = Create(actorId, typeName);
-    actor->GetRecreateSender().Send();
+    auto actor = Create(actorId, typeName, isWanted);
+    if (actor != nullptr)
+    {
+        actor->GetRecreateSender().Send();
+    }
     return actor;
 }
 
@@ -159,8 +174,7 @@ std::shared_ptr<CActor> CClientConnection::Hold(CActor& actor) const
 int CClientConnection::ctor(std::string typeName)
 {
     CCancellationGuard const guard;
-    int const actorId = lastActorId.fetch_add(1) + 1;
-    return Create(actorId, typeName)->GetId();
+    return Create(TakeActorId(), typeName)->GetId();
 }
 
 void CClientConnection::dtor(int actorId)
@@ -191,7 +205,8 @@ CActor* CClientConnection::CreateActorWithId(int actorId, std::string const& typ
     return Create(actorId, typeName).get();
 }
 
-std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const& typeName)
+std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const& typeName,
+                                                  std::function<bool(CActor const& actor)> const& isWanted)
 {
     if (typeName == TYPENAME)
     {
@@ -206,6 +221,11 @@ std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const
         object = type->create();
     }
     auto actor = MakeActor(*type, object, actorId, typeName);
+    if (isWanted && !isWanted(*actor))
+    {
+        DestroyClaimed(actor.get(), true);
+        return nullptr;
+    }
     Enter(actor.get(), actorId, typeName);
     logDebug() << "CClientConnection::ctor actor=" << actor.get() << " actorId=" << actorId << " done";
     return actor;
@@ -214,13 +234,24 @@ std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const
 std::shared_ptr<CActor> CClientConnection::MakeActor(SActorType const& type, void* object, int actorId,
                                                      std::string const& typeName)
 {
-    // A setup that is killed, or throws, leaves nothing behind that still sends through the actor.
+    // A setup that is killed, or throws, leaves nothing behind that still sends through the actor. Of an object that
+    // was being set up when its worker was killed nobody knows the state.
     struct SUnregister
     {
-        void operator()(CActor* actor) const { actor->CleanCallbacks(); }
+        SActorType const& type;
+        int const exceptions = std::uncaught_exceptions();
+
+        void operator()(CActor* actor) const
+        {
+            actor->CleanCallbacks();
+            if (std::uncaught_exceptions() > exceptions)
+            {
+                type.destroy(actor->GetObject());
+            }
+        }
     };
     auto actor = std::make_shared<CActor>(*this, actorId, typeName, object);
-    std::unique_ptr<CActor, SUnregister> unfinished(actor.get());
+    std::unique_ptr<CActor, SUnregister> unfinished(actor.get(), SUnregister{type});
     {
         CCancellationWindow const window;
         type.setup(*actor);

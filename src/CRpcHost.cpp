@@ -1,7 +1,9 @@
 #include <nelo_rpc/CRpcHost.h>
 
 #include <nelo_rpc/Cancellation.h>
+#include <nelo_rpc/Refusal.h>
 
+#include "Address.h"
 #include "SystemLog.h"
 
 #include <cstdlib>
@@ -17,7 +19,7 @@ SHostOptions SHostOptions::Recommended()
 
 CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
                    std::function<void(CRpcHost& host)> const& registerTypes)
-    : m_port(port), m_watchdog(options.hangLimitMs, options.hangCheckMs)
+    : m_port(port), m_watchdog(options.hangLimitMs, options.hangCheckMs), m_options(options)
 {
     if (registerTypes)
     {
@@ -62,6 +64,14 @@ std::shared_ptr<SActorType const> CRpcHost::FindActorType(std::string const& typ
 void CRpcHost::OnFunctionCall(types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply)
 {
     logDebug() << "CRpcHost::CRpcHost OnFunctionCall with msg=" << types::toString(call);
+    if (m_options.peers == EPeers::Untrusted)
+    {
+        if (char const* const why = protocol::whyNotAddressed(call, true))
+        {
+            Refuse(connectionId, refusal::make(refusal::INVALID_ARGS, why), reply);
+            return;
+        }
+    }
     GetOrCreateClientConnection(connectionId).OnFunctionCall(call, std::move(reply));
 }
 
@@ -88,6 +98,19 @@ bool CRpcHost::SendCallback(types::CValueList const& list, int connectionId)
 CThreadWatchdog& CRpcHost::GetThreadWatchdog()
 {
     return m_watchdog;
+}
+
+SHostOptions const& CRpcHost::GetOptions() const
+{
+    return m_options;
+}
+
+void CRpcHost::Refuse(int connectionId, types::CValueList const& refusal, CRpcPort::ReplyFunction const& reply)
+{
+    CCancellationGuard const guard;
+    logError() << "CRpcHost refused a call from " << m_port.GetPeerName(connectionId)
+               << " in connectionId=" << connectionId << ": " << refusal::find(refusal)->GetCause();
+    reply(refusal);
 }
 
 void CRpcHost::FailOnMissingFactory()

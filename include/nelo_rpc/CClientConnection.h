@@ -8,6 +8,7 @@
 #include <nelo_rpc/Export.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -79,7 +80,10 @@ private:
     void LoseActors();
     void ForgetClaimed();
     std::shared_ptr<CActor> FindOrRecreateActor(int actorId, std::string const& typeName);
-    std::shared_ptr<CActor> Create(int actorId, std::string const& typeName);
+    std::shared_ptr<CActor> Recreate(int actorId, std::string const& typeName,
+                                     std::function<bool(CActor const& actor)> const& isWanted);
+    std::shared_ptr<CActor> Create(int actorId, std::string const& typeName,
+                                   std::function<bool(CActor const& actor)> const& isWanted = {});
     std::shared_ptr<SActorType const> FindActorType(std::string const& typeName);
     std::shared_ptr<CActor> MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName);
     std::shared_ptr<CActor> Hold(CActor& actor) const;
@@ -89,6 +93,22 @@ private:
     void StopWorker();
     void PostRemoval(int actorId);
     void RemoveLostActor(int actorId);
+    int TakeActorId();
+
+    struct SRequest;
+
+    // What a host that was told to looks at before a call is carried out. An objection is a list that refuses the call,
+    // and empty if there is none.
+    bool IsChecked() const;
+    void CarryOutChecked(types::CValueList const& call, CRpcPort::ReplyFunction const& reply);
+    void CarryOutUnlessRefused(SRequest const& request, CRpcPort::ReplyFunction const& reply);
+    std::shared_ptr<CActor> FindActor(int actorId);
+    std::shared_ptr<CActor> FindOrRecreateFor(SRequest const& request, types::CValueList& objection);
+    types::CValueList ObjectionTo(SRequest const& request);
+    types::CValueList ObjectionToTarget(SRequest const& request, CActor const* actor);
+    types::CValueList ObjectionToLostActor(SRequest const& request);
+    types::CValueList ObjectionToOwnFunction(SRequest const& request);
+    types::CValueList ObjectionToType(std::string const& typeName);
 
     CCallbackSender<> m_killSender;
     CRpcHost& m_host;

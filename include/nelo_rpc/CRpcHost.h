@@ -5,6 +5,7 @@
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/CThreadWatchdog.h>
 #include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
 
 #include <functional>
@@ -26,6 +27,14 @@ struct NELO_RPC_API SHostOptions
     /// How often that is checked, in milliseconds; a hung worker is killed at the first check at which the checks
     /// since its call add up to the limit.
     int hangCheckMs = 5000;
+
+    /// Untrusted: no call ends the process, whatever a peer puts into it. Each is looked at before anything is done
+    /// about it; one that makes no sense is refused with an error reply and an error line. So is one for a function
+    /// that the actor does not have, and one that a std::exception of the application ends.
+    ///
+    /// What only the application can look at remains its own: see CActor::AddFunction() and types::SValueTraits. A
+    /// message that is none of the protocol is the port's affair: see SPortOptions::peers.
+    EPeers peers = EPeers::Trusted;
 
     /// What a new application should use. For now these are the defaults.
     static SHostOptions Recommended();
@@ -93,6 +102,11 @@ public:
 
     CThreadWatchdog& GetThreadWatchdog();
 
+    SHostOptions const& GetOptions() const;
+
+    /// Answers a call with a refusal (see refusal::make) and an error line that names the peer and the cause.
+    void Refuse(int connectionId, types::CValueList const& refusal, CRpcPort::ReplyFunction const& reply);
+
 private:
     template <class T>
     static std::function<void*()> MakeCreate(std::function<std::unique_ptr<T>()> make)
@@ -118,6 +132,7 @@ private:
     std::map<int, CClientConnection> m_connections;
     std::map<std::string, std::shared_ptr<SActorType const>> m_actorTypes;
     CThreadWatchdog m_watchdog;
+    SHostOptions const m_options;
 };
 
 } // namespace nelo_rpc

@@ -1,0 +1,221 @@
+#include <nelo_rpc/CClientConnection.h>
+
+#include <nelo_rpc/CRpcHost.h>
+#include <nelo_rpc/Protocol.h>
+#include <nelo_rpc/Refusal.h>
+#include <nelo_rpc/Values.h>
+
+#include "SystemLog.h"
+
+#include <algorithm>
+#include <exception>
+#include <limits>
+#include <string>
+
+namespace nelo_rpc
+{
+
+namespace
+{
+
+/// The last actor id that a peer that is not trusted is given. The rest is for workers that look at the same time.
+constexpr int LAST_ACTOR_ID = std::numeric_limits<int>::max() - 1000000;
+
+/// A name that a peer sent, as it may stand in a log line and an error reply: on one line, and not for ever.
+std::string shown(std::string const& name)
+{
+    constexpr std::size_t LONGEST = 100;
+    std::size_t length = std::min(name.size(), LONGEST);
+    while (length < name.size() && length > 0 && (static_cast<unsigned char>(name[length]) & 0xC0) == 0x80)
+    {
+        --length; // not inside a character
+    }
+    std::string text = name.substr(0, length);
+    for (char& character : text)
+    {
+        bool const isControl = static_cast<unsigned char>(character) < 0x20 || character == 0x7F;
+        character = isControl ? '?' : character;
+    }
+    return length < name.size() ? text + "..." : text;
+}
+
+types::CValueList unknownActor(int actorId)
+{
+    return refusal::make(refusal::UNKNOWN_OBJECT, "there is no actor " + std::to_string(actorId));
+}
+
+types::CValueList objectionToCall(CActor const& actor, std::string const& function, types::CValueList const& call)
+{
+    if (!actor.HasFunction(function))
+    {
+        return refusal::make(refusal::UNKNOWN_METHOD,
+                             shown(actor.GetTypeName()) + " has no function " + shown(function));
+    }
+    int const unfit = actor.FindUnfitArgument(function, call);
+    if (unfit == -1)
+    {
+        return {};
+    }
+    std::string const which = "argument " + std::to_string(unfit) + " of " + shown(function);
+    bool const isMissing = call.count(unfit) == 0;
+    return refusal::make(refusal::INVALID_ARGS,
+                         which + (isMissing ? " is missing" : " has another type than the function takes"));
+}
+
+} // namespace
+
+/// A call whose reserved entries were read.
+struct CClientConnection::SRequest
+{
+    explicit SRequest(types::CValueList const& c)
+        : call(c),
+          actorId(types::unpackAt<int>(c, protocol::ACTOR_ID)),
+          typeName(types::unpackAt<std::string>(c, protocol::TYPE_NAME)),
+          function(types::unpackAt<std::string>(c, protocol::METHOD_NAME))
+    {
+    }
+
+    /// Whether this function of the connection itself is called.
+    bool IsOwn(char const* name) const { return actorId == protocol::OWN_ACTOR_ID && function == name; }
+
+    types::CValueList const& call;
+    int const actorId;
+    std::string const typeName;
+    std::string const function;
+};
+
+bool CClientConnection::IsChecked() const
+{
+    return m_host.GetOptions().peers == EPeers::Untrusted;
+}
+
+void CClientConnection::CarryOutChecked(types::CValueList const& call, CRpcPort::ReplyFunction const& reply)
+{
+    SRequest const request(call);
+    if (request.IsOwn(protocol::DTOR))
+    {
+        // An object whose destruction throws is half gone, and nothing could be done with it: this ends the process.
+        CarryOutUnlessRefused(request, reply);
+        return;
+    }
+    try
+    {
+        CarryOutUnlessRefused(request, reply);
+    }
+    catch (std::exception const& exception)
+    {
+        // Not all of them, because a killed worker unwinds as well. What it says may be nobody's business but the
+        // server's.
+        logError() << "CClientConnection::OnFunctionCallSync " << shown(request.typeName) << ":"
+                   << shown(request.function) << " ended with an exception: " << exception.what();
+        reply(refusal::make(refusal::FAILED, shown(request.function) + " ended with an exception"));
+    }
+}
+
+void CClientConnection::CarryOutUnlessRefused(SRequest const& request, CRpcPort::ReplyFunction const& reply)
+{
+    types::CValueList objection = ObjectionTo(request);
+    std::shared_ptr<CActor> actor;
+    if (objection.empty())
+    {
+        actor = FindOrRecreateFor(request, objection);
+    }
+    if (!objection.empty())
+    {
+        m_host.Refuse(m_connectionId, objection, reply);
+        return;
+    }
+    reply(actor->CallFunction(request.function, request.call));
+}
+
+std::shared_ptr<CActor> CClientConnection::FindActor(int actorId)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const entry = m_knownActors.find(actorId);
+    return entry == m_knownActors.end() || entry->second == nullptr ? nullptr : Hold(*entry->second);
+}
+
+std::shared_ptr<CActor> CClientConnection::FindOrRecreateFor(SRequest const& request, types::CValueList& objection)
+{
+    if (auto actor = FindActor(request.actorId))
+    {
+        return actor;
+    }
+    // What can be called is known once the actor is set up. One that is then not called is not kept.
+    return Recreate(request.actorId, request.typeName, [&](CActor const& actor) {
+        objection = objectionToCall(actor, request.function, request.call);
+        return objection.empty();
+    });
+}
+
+types::CValueList CClientConnection::ObjectionTo(SRequest const& request)
+{
+    auto const actor = FindActor(request.actorId);
+    types::CValueList objection = ObjectionToTarget(request, actor.get());
+    if (objection.empty() && actor != nullptr)
+    {
+        objection = objectionToCall(*actor, request.function, request.call);
+    }
+    return objection;
+}
+
+types::CValueList CClientConnection::ObjectionToTarget(SRequest const& request, CActor const* actor)
+{
+    if (actor == nullptr)
+    {
+        return ObjectionToLostActor(request);
+    }
+    if (request.typeName != actor->GetTypeName())
+    {
+        return refusal::make(refusal::INVALID_ARGS,
+                             "actor " + std::to_string(request.actorId) + " is not of type " + shown(request.typeName));
+    }
+    return actor == m_ownActor ? ObjectionToOwnFunction(request) : types::CValueList();
+}
+
+types::CValueList CClientConnection::ObjectionToLostActor(SRequest const& request)
+{
+    // No server hands out such an id, and the connection's own actor is never lost.
+    bool const wasNever = request.actorId <= 0 || request.typeName == TYPENAME;
+    return wasNever ? unknownActor(request.actorId) : ObjectionToType(request.typeName);
+}
+
+types::CValueList CClientConnection::ObjectionToOwnFunction(SRequest const& request)
+{
+    types::CValueList objection = objectionToCall(*m_ownActor, request.function, request.call);
+    if (objection.empty() && request.IsOwn(protocol::CTOR))
+    {
+        std::string const typeName = types::unpackAt<std::string>(request.call, 0);
+        objection = typeName == TYPENAME ? types::CValueList() : ObjectionToType(typeName);
+        if (objection.empty() && lastActorId >= LAST_ACTOR_ID)
+        {
+            return refusal::make(refusal::LIMITS_EXCEEDED, "the server has handed out all actor ids");
+        }
+    }
+    else if (objection.empty() && request.IsOwn(protocol::DTOR))
+    {
+        int const actorId = types::unpackAt<int>(request.call, 0);
+        return FindActor(actorId) == nullptr ? unknownActor(actorId) : types::CValueList();
+    }
+    return objection;
+}
+
+types::CValueList CClientConnection::ObjectionToType(std::string const& typeName)
+{
+    return m_host.FindActorType(typeName) == nullptr
+               ? refusal::make(refusal::INVALID_ARGS, "unknown type " + shown(typeName))
+               : types::CValueList();
+}
+
+int CClientConnection::TakeActorId()
+{
+    int actorId = lastActorId.fetch_add(1) + 1;
+    while (m_host.GetOptions().peers == EPeers::Untrusted && FindActor(actorId) != nullptr)
+    {
+        // A call for a lost actor took the id first. The actor that has it must not be left behind.
+        actorId = lastActorId.fetch_add(1) + 1;
+    }
+    return actorId;
+}
+
+} // namespace nelo_rpc
