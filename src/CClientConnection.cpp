@@ -35,26 +35,45 @@ std::atomic<int> CClientConnection::lastActorId{0};
 /// A received call with its reply, shared by the work item and the kill handler: whoever comes first answers.
 struct CClientConnection::SCall
 {
-    SCall(types::CValueList const& l, CRpcPort::ReplyFunction r) : list(l), reply(std::move(r)) {}
+    SCall(types::CValueList const& l, CRpcPort::ReplyFunction r, std::shared_ptr<std::atomic<int>> u)
+        : list(l), reply(std::move(r)), unanswered(std::move(u))
+    {
+        if (unanswered != nullptr)
+        {
+            ++*unanswered;
+        }
+    }
 
     /// A call that nobody is left to carry out is answered too.
     ~SCall() { Answer({}); }
 
     void Answer(types::CValueList const& result)
     {
-        if (!answered.exchange(true))
+        if (answered.exchange(true))
         {
-            reply(result);
+            return;
         }
+        if (unanswered != nullptr)
+        {
+            --*unanswered; // before the answer, which the next call may follow at once
+        }
+        reply(result);
     }
 
     types::CValueList const list;
     CRpcPort::ReplyFunction const reply;
+    std::shared_ptr<std::atomic<int>> const unanswered;
     std::atomic<bool> answered{false};
 };
 
 CClientConnection::CClientConnection(CRpcHost& host, int connectionId)
-    : m_host(host), m_connectionId(connectionId), m_ownActor(nullptr), m_shutDown(false), m_workerEnded(false)
+    : m_host(host),
+      m_connectionId(connectionId),
+      m_ownActor(nullptr),
+      m_shutDown(false),
+      m_workerEnded(false),
+      m_unanswered(host.GetOptions().maxQueuedCalls > 0 ? std::make_shared<std::atomic<int>>(0) : nullptr),
+      m_isRefusing(false)
 {
     m_ownActor = new CActor(*this, protocol::OWN_ACTOR_ID, TYPENAME, this);
     m_knownActors[protocol::OWN_ACTOR_ID] = m_ownActor;
@@ -74,9 +93,13 @@ CClientConnection::~CClientConnection()
 void CClientConnection::OnFunctionCall(types::CValueList const& call, CRpcPort::ReplyFunction reply)
 {
     logDebug() << "CClientConnection::OnFunctionCall with args=" << types::toString(call);
+    if (IsRefusedAsTooMany(reply))
+    {
+        return;
+    }
     std::string const name =
         types::unpackAt<std::string>(call, protocol::METHOD_NAME) + "[" + std::to_string(++callCounter) + "]";
-    auto const shared = std::make_shared<SCall>(call, std::move(reply));
+    auto const shared = std::make_shared<SCall>(call, std::move(reply), m_unanswered);
 
     std::lock_guard<std::mutex> const lock(m_postMutex);
     m_thread.Post(

@@ -84,17 +84,37 @@ struct CClientConnection::SRequest
     std::string const function;
 };
 
+bool CClientConnection::IsRefusedAsTooMany(CRpcPort::ReplyFunction const& reply)
+{
+    if (m_unanswered == nullptr || *m_unanswered < m_host.GetOptions().maxQueuedCalls)
+    {
+        m_isRefusing = false;
+        return false;
+    }
+    auto const refusal = refusal::make(refusal::LIMITS_EXCEEDED, "too many calls of this client wait for an answer");
+    if (m_isRefusing)
+    {
+        reply(refusal); // without a line of its own: a client that floods the server would flood the log too
+        return true;
+    }
+    m_isRefusing = true;
+    m_host.Refuse(m_connectionId, refusal, reply);
+    return true;
+}
+
 bool CClientConnection::IsChecked() const
 {
-    return m_host.GetOptions().peers == EPeers::Untrusted;
+    SHostOptions const& options = m_host.GetOptions();
+    return options.peers == EPeers::Untrusted || options.maxActors > 0;
 }
 
 void CClientConnection::CarryOutChecked(types::CValueList const& call, CRpcPort::ReplyFunction const& reply)
 {
     SRequest const request(call);
-    if (request.IsOwn(protocol::DTOR))
+    if (m_host.GetOptions().peers == EPeers::Trusted || request.IsOwn(protocol::DTOR))
     {
-        // An object whose destruction throws is half gone, and nothing could be done with it: this ends the process.
+        // An object whose destruction throws is half gone, and nothing could be done with it: this always ends the
+        // process.
         CarryOutUnlessRefused(request, reply);
         return;
     }
@@ -137,6 +157,10 @@ std::shared_ptr<CActor> CClientConnection::FindActor(int actorId)
 
 std::shared_ptr<CActor> CClientConnection::FindOrRecreateFor(SRequest const& request, types::CValueList& objection)
 {
+    if (m_host.GetOptions().peers == EPeers::Trusted)
+    {
+        return FindOrRecreateActor(request.actorId, request.typeName);
+    }
     if (auto actor = FindActor(request.actorId))
     {
         return actor;
@@ -150,9 +174,14 @@ std::shared_ptr<CActor> CClientConnection::FindOrRecreateFor(SRequest const& req
 
 types::CValueList CClientConnection::ObjectionTo(SRequest const& request)
 {
+    bool const isUntrusted = m_host.GetOptions().peers == EPeers::Untrusted;
     auto const actor = FindActor(request.actorId);
-    types::CValueList objection = ObjectionToTarget(request, actor.get());
-    if (objection.empty() && actor != nullptr)
+    types::CValueList objection = isUntrusted ? ObjectionToTarget(request, actor.get()) : types::CValueList();
+    if (objection.empty())
+    {
+        objection = ObjectionToNumber(request, actor.get());
+    }
+    if (objection.empty() && isUntrusted && actor != nullptr)
     {
         objection = objectionToCall(*actor, request.function, request.call);
     }
@@ -205,6 +234,21 @@ types::CValueList CClientConnection::ObjectionToType(std::string const& typeName
     return m_host.FindActorType(typeName) == nullptr
                ? refusal::make(refusal::INVALID_ARGS, "unknown type " + shown(typeName))
                : types::CValueList();
+}
+
+types::CValueList CClientConnection::ObjectionToNumber(SRequest const& request, CActor const* actor)
+{
+    std::size_t const limit = static_cast<std::size_t>(m_host.GetOptions().maxActors);
+    bool const isMaking =
+        request.IsOwn(protocol::CTOR) ? types::unpackAt<std::string>(request.call, 0) != TYPENAME : actor == nullptr;
+    if (limit == 0 || !isMaking)
+    {
+        return {};
+    }
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    std::size_t const others = m_knownActors.size() - 1;
+    return others < limit ? types::CValueList()
+                          : refusal::make(refusal::LIMITS_EXCEEDED, "the client has as many actors as it may have");
 }
 
 int CClientConnection::TakeActorId()

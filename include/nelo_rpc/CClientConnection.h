@@ -94,6 +94,7 @@ private:
     void PostRemoval(int actorId);
     void RemoveLostActor(int actorId);
     int TakeActorId();
+    bool IsRefusedAsTooMany(CRpcPort::ReplyFunction const& reply);
 
     struct SRequest;
 
@@ -109,6 +110,7 @@ private:
     types::CValueList ObjectionToLostActor(SRequest const& request);
     types::CValueList ObjectionToOwnFunction(SRequest const& request);
     types::CValueList ObjectionToType(std::string const& typeName);
+    types::CValueList ObjectionToNumber(SRequest const& request, CActor const* actor);
 
     CCallbackSender<> m_killSender;
     CRpcHost& m_host;
@@ -127,6 +129,9 @@ private:
     // Held while a call and its ping are posted and while the worker stops itself: a ping that came after the stop
     // would start a thread for nothing.
     std::mutex m_postMutex;
+
+    std::shared_ptr<std::atomic<int>> const m_unanswered; // calls, which may outlive the connection; null: not counted
+    bool m_isRefusing;                                    // only for the receiver thread
 };
 
 } // namespace nelo_rpc

@@ -36,6 +36,14 @@ struct NELO_RPC_API SHostOptions
     /// message that is none of the protocol is the port's affair: see SPortOptions::peers.
     EPeers peers = EPeers::Trusted;
 
+    /// How many calls of one client may be without an answer, the one that is being carried out included. A further
+    /// one is refused at once with an error reply, and the first of several in a row with an error line. 0: no limit.
+    int maxQueuedCalls = 0;
+
+    /// How many actors one client may have; making a further one, or a lost one again, is refused with an error reply
+    /// and an error line. 0: no limit.
+    int maxActors = 0;
+
     /// What a new application should use. For now these are the defaults.
     static SHostOptions Recommended();
 };
