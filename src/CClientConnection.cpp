@@ -104,7 +104,10 @@ void CClientConnection::OnFunctionCall(types::CValueList const& call, CRpcPort::
     std::lock_guard<std::mutex> const lock(m_postMutex);
     m_thread.Post(
         [this, shared] {
-            OnFunctionCallSync(shared->list, [&](types::CValueList const& result) { shared->Answer(result); });
+            if (!m_isClientGone) // else an actor that is made now would stay for ever
+            {
+                OnFunctionCallSync(shared->list, [&](types::CValueList const& result) { shared->Answer(result); });
+            }
         },
         name);
     m_host.GetThreadWatchdog().Ping(
@@ -464,7 +467,7 @@ void CClientConnection::PostRemoval(int actorId)
     }
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
-        if (m_shutDown || !m_leaving.insert(actorId).second)
+        if (m_shutDown || m_isClientGone || !m_leaving.insert(actorId).second)
         {
             return;
         }
@@ -482,6 +485,27 @@ void CClientConnection::PostRemoval(int actorId)
             m_killSender.Send();
         },
         name);
+}
+
+void CClientConnection::OnClientGone()
+{
+    CCancellationGuard const guard;
+    m_isClientGone = true;
+    std::string const name = "gone[" + std::to_string(m_connectionId) + "]";
+    std::lock_guard<std::mutex> const lock(m_postMutex);
+    m_thread.Post([this] { RemoveOrphans(); }, name);
+    m_host.GetThreadWatchdog().Ping(
+        &m_thread, [this] { LoseActors(); }, name);
+}
+
+void CClientConnection::RemoveOrphans()
+{
+    CCancellationGuard const guard;
+    DestroyActors(true);
+    if (m_thread.IsStarted())
+    {
+        StopWorker(); // there was no last actor to do so
+    }
 }
 
 void CClientConnection::RemoveLostActor(int actorId)

@@ -31,6 +31,10 @@ CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
             OnFunctionCall(call, connectionId, std::move(reply));
         });
     m_watchdog.Start();
+    if (m_options.orphans == EOrphans::Destroy)
+    {
+        WatchClients();
+    }
 }
 
 CRpcHost::~CRpcHost()
@@ -38,11 +42,34 @@ CRpcHost::~CRpcHost()
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     logDebug() << "CRpcHost::~CRpcHost";
     m_port.SetFunctionCallListener({});
+    if (m_options.orphans == EOrphans::Destroy)
+    {
+        m_port.WatchPeers({});
+    }
     for (auto& [connectionId, connection] : m_connections)
     {
         connection.Shutdown();
     }
     m_watchdog.StopAndJoin();
+}
+
+void CRpcHost::WatchClients()
+{
+    if (!m_port.WatchPeers([this](int connectionId) { OnClientGone(connectionId); }))
+    {
+        logError() << "CRpcHost cannot watch its clients: actors of those that leave stay";
+    }
+}
+
+void CRpcHost::OnClientGone(int connectionId)
+{
+    // On the receiver thread, as calls are, and behind the client's last one.
+    auto const connection = m_connections.find(connectionId);
+    if (connection != m_connections.end())
+    {
+        logInfo() << "CRpcHost client of connectionId=" << connectionId << " has left, destroying its actors";
+        connection->second.OnClientGone();
+    }
 }
 
 void CRpcHost::RegisterActorType(std::string const& typeName, SActorType type)

@@ -74,6 +74,11 @@ public:
     ///         worker thread.
     bool SendCallback(int actorId, std::string const& name, types::CValueList const& list);
 
+    /// The client has left the bus: destroys its actors with their objects on the worker thread, which then ends.
+    /// Calls that are queued are not carried out any more. Does not wait. Runs on the port's receiver thread.
+    /// Since 0.1.
+    void OnClientGone();
+
 private:
     struct SCall;
 
@@ -93,6 +98,7 @@ private:
     void StopWorker();
     void PostRemoval(int actorId);
     void RemoveLostActor(int actorId);
+    void RemoveOrphans();
     int TakeActorId();
     bool IsRefusedAsTooMany(CRpcPort::ReplyFunction const& reply);
 
@@ -132,6 +138,7 @@ private:
 
     std::shared_ptr<std::atomic<int>> const m_unanswered; // calls, which may outlive the connection; null: not counted
     bool m_isRefusing;                                    // only for the receiver thread
+    std::atomic<bool> m_isClientGone{false};
 };
 
 } // namespace nelo_rpc

@@ -36,6 +36,12 @@ struct NELO_RPC_API SHostOptions
     /// message that is none of the protocol is the port's affair: see SPortOptions::peers.
     EPeers peers = EPeers::Trusted;
 
+    /// Destroy: when a client leaves the bus, its actors are destroyed with their objects, and its worker thread ends.
+    /// A call that is being carried out is done before, or killed if it hangs; those that wait behind it are not
+    /// carried out any more. The host uses the port's WatchPeers() for this, and an error line says so if the port
+    /// cannot tell who leaves. When the bus itself is lost, nobody leaves it.
+    EOrphans orphans = EOrphans::Keep;
+
     /// How many calls of one client may be without an answer, the one that is being carried out included. A further
     /// one is refused at once with an error reply, and the first of several in a row with an error line. 0: no limit.
     int maxQueuedCalls = 0;
@@ -134,6 +140,9 @@ private:
     }
 
     [[noreturn]] static void FailOnMissingFactory();
+
+    void WatchClients();
+    void OnClientGone(int connectionId);
 
     CRpcPort& m_port;
     std::recursive_mutex m_mutex; // guards the registry
