@@ -350,7 +350,9 @@ void CClientConnection::DestroyClaimed(CActor* actor, bool deleteObject)
     if (deleteObject)
     {
         logDebug() << "CClientConnection::dtor calling destructor...";
-        type->destroy(actor->GetObject());
+        // An object that throws half way can neither be used nor destroyed again. That ends the process, also where an
+        // exception otherwise costs the call alone.
+        [&]() noexcept { type->destroy(actor->GetObject()); }();
 
         // A destructor cannot be unwound, so none is cancelled; a kill that came meanwhile acts here.
         CCancellationWindow const window;

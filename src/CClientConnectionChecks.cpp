@@ -1,6 +1,7 @@
 #include <nelo_rpc/CClientConnection.h>
 
 #include <nelo_rpc/CRpcHost.h>
+#include <nelo_rpc/Cancellation.h>
 #include <nelo_rpc/Protocol.h>
 #include <nelo_rpc/Refusal.h>
 #include <nelo_rpc/Values.h>
@@ -75,9 +76,6 @@ struct CClientConnection::SRequest
     {
     }
 
-    /// Whether this function of the connection itself is called.
-    bool IsOwn(char const* name) const { return actorId == protocol::OWN_ACTOR_ID && function == name; }
-
     types::CValueList const& call;
     int const actorId;
     std::string const typeName;
@@ -105,16 +103,14 @@ bool CClientConnection::IsRefusedAsTooMany(CRpcPort::ReplyFunction const& reply)
 bool CClientConnection::IsChecked() const
 {
     SHostOptions const& options = m_host.GetOptions();
-    return options.peers == EPeers::Untrusted || options.maxActors > 0;
+    return options.peers == EPeers::Untrusted || options.maxActors > 0 || options.authorize;
 }
 
 void CClientConnection::CarryOutChecked(types::CValueList const& call, CRpcPort::ReplyFunction const& reply)
 {
     SRequest const request(call);
-    if (m_host.GetOptions().peers == EPeers::Trusted || request.IsOwn(protocol::DTOR))
+    if (m_host.GetOptions().peers == EPeers::Trusted)
     {
-        // An object whose destruction throws is half gone, and nothing could be done with it: this always ends the
-        // process.
         CarryOutUnlessRefused(request, reply);
         return;
     }
@@ -175,8 +171,16 @@ std::shared_ptr<CActor> CClientConnection::FindOrRecreateFor(SRequest const& req
 types::CValueList CClientConnection::ObjectionTo(SRequest const& request)
 {
     bool const isUntrusted = m_host.GetOptions().peers == EPeers::Untrusted;
-    auto const actor = FindActor(request.actorId);
+    auto actor = FindActor(request.actorId);
     types::CValueList objection = isUntrusted ? ObjectionToTarget(request, actor.get()) : types::CValueList();
+    if (actor == nullptr && request.typeName == TYPENAME)
+    {
+        actor = Hold(*m_ownActor); // where peers are trusted, any id reaches it under its own type
+    }
+    if (objection.empty())
+    {
+        objection = ObjectionToPeer(request, actor.get());
+    }
     if (objection.empty())
     {
         objection = ObjectionToNumber(request, actor.get());
@@ -212,7 +216,7 @@ types::CValueList CClientConnection::ObjectionToLostActor(SRequest const& reques
 types::CValueList CClientConnection::ObjectionToOwnFunction(SRequest const& request)
 {
     types::CValueList objection = objectionToCall(*m_ownActor, request.function, request.call);
-    if (objection.empty() && request.IsOwn(protocol::CTOR))
+    if (objection.empty() && request.function == protocol::CTOR)
     {
         std::string const typeName = types::unpackAt<std::string>(request.call, 0);
         objection = typeName == TYPENAME ? types::CValueList() : ObjectionToType(typeName);
@@ -221,7 +225,7 @@ types::CValueList CClientConnection::ObjectionToOwnFunction(SRequest const& requ
             return refusal::make(refusal::LIMITS_EXCEEDED, "the server has handed out all actor ids");
         }
     }
-    else if (objection.empty() && request.IsOwn(protocol::DTOR))
+    else if (objection.empty() && request.function == protocol::DTOR)
     {
         int const actorId = types::unpackAt<int>(request.call, 0);
         return FindActor(actorId) == nullptr ? unknownActor(actorId) : types::CValueList();
@@ -239,8 +243,8 @@ types::CValueList CClientConnection::ObjectionToType(std::string const& typeName
 types::CValueList CClientConnection::ObjectionToNumber(SRequest const& request, CActor const* actor)
 {
     std::size_t const limit = static_cast<std::size_t>(m_host.GetOptions().maxActors);
-    bool const isMaking =
-        request.IsOwn(protocol::CTOR) ? types::unpackAt<std::string>(request.call, 0) != TYPENAME : actor == nullptr;
+    bool const isCtor = actor == m_ownActor && request.function == protocol::CTOR;
+    bool const isMaking = isCtor ? types::unpackAt<std::string>(request.call, 0) != TYPENAME : actor == nullptr;
     if (limit == 0 || !isMaking)
     {
         return {};
@@ -249,6 +253,65 @@ types::CValueList CClientConnection::ObjectionToNumber(SRequest const& request, 
     std::size_t const others = m_knownActors.size() - 1;
     return others < limit ? types::CValueList()
                           : refusal::make(refusal::LIMITS_EXCEEDED, "the client has as many actors as it may have");
+}
+
+types::CValueList CClientConnection::ObjectionToPeer(SRequest const& request, CActor const* actor)
+{
+    auto const authorize = m_host.GetOptions().authorize; // a copy, as a killed worker may be inside when the host ends
+    if (!authorize)
+    {
+        return {};
+    }
+    auto const peer = FindPeer();
+    if (peer == nullptr)
+    {
+        return refusal::make(refusal::ACCESS_DENIED, "the bus does not say who the client is");
+    }
+    std::string const typeName = FindTypeOfTarget(request, actor);
+    auto const isAllowed = [&](std::string const& function) {
+        CCancellationWindow const window;
+        return authorize(*peer, typeName, function);
+    };
+    // Else whoever may not make an actor would call one that is lost.
+    bool const mayMake = actor != nullptr || isAllowed(protocol::CTOR);
+    return mayMake && isAllowed(request.function)
+               ? types::CValueList()
+               : refusal::make(refusal::ACCESS_DENIED,
+                               shown(request.function) + " of " + shown(typeName) + " is not allowed");
+}
+
+std::string CClientConnection::FindTypeOfTarget(SRequest const& request, CActor const* actor)
+{
+    if (actor == nullptr)
+    {
+        return request.typeName; // what it will be made of
+    }
+    if (actor == m_ownActor && request.function == protocol::CTOR)
+    {
+        return types::unpackAt<std::string>(request.call, 0);
+    }
+    if (actor == m_ownActor && request.function == protocol::DTOR)
+    {
+        auto const doomed = FindActor(types::unpackAt<int>(request.call, 0));
+        return doomed != nullptr ? doomed->GetTypeName() : TYPENAME;
+    }
+    return actor->GetTypeName();
+}
+
+std::shared_ptr<SPeer const> CClientConnection::FindPeer()
+{
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        if (m_peer != nullptr)
+        {
+            return m_peer;
+        }
+    }
+    auto const found = m_host.FindPeer(m_connectionId); // unlocked: asks the bus
+    auto peer = found ? std::make_shared<SPeer const>(*found) : nullptr;
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_peer = peer;
+    return peer;
 }
 
 int CClientConnection::TakeActorId()

@@ -132,6 +132,14 @@ SHostOptions const& CRpcHost::GetOptions() const
     return m_options;
 }
 
+std::optional<SPeer> CRpcHost::FindPeer(int connectionId)
+{
+    CCancellationGuard const guard;
+    auto const credentials = m_port.GetPeerCredentials(connectionId);
+    return credentials ? std::make_optional(SPeer{*credentials, m_port.GetPeerName(connectionId), connectionId})
+                       : std::nullopt;
+}
+
 void CRpcHost::Refuse(int connectionId, types::CValueList const& refusal, CRpcPort::ReplyFunction const& reply)
 {
     CCancellationGuard const guard;

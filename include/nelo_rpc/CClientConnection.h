@@ -21,6 +21,7 @@ namespace nelo_rpc
 
 class CRpcHost;
 struct SActorType;
+struct SPeer;
 
 /// What a host keeps for one peer: its actors and the worker thread that runs its calls one at a time.
 ///
@@ -117,6 +118,9 @@ private:
     types::CValueList ObjectionToOwnFunction(SRequest const& request);
     types::CValueList ObjectionToType(std::string const& typeName);
     types::CValueList ObjectionToNumber(SRequest const& request, CActor const* actor);
+    types::CValueList ObjectionToPeer(SRequest const& request, CActor const* actor);
+    std::string FindTypeOfTarget(SRequest const& request, CActor const* actor);
+    std::shared_ptr<SPeer const> FindPeer();
 
     CCallbackSender<> m_killSender;
     CRpcHost& m_host;
@@ -139,6 +143,7 @@ private:
     std::shared_ptr<std::atomic<int>> const m_unanswered; // calls, which may outlive the connection; null: not counted
     bool m_isRefusing;                                    // only for the receiver thread
     std::atomic<bool> m_isClientGone{false};
+    std::shared_ptr<SPeer const> m_peer; // once it was asked for; guarded by m_mutex
 };
 
 } // namespace nelo_rpc

@@ -12,11 +12,19 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
 namespace nelo_rpc
 {
+
+/// A client as the bus vouches for it: nothing of this is what the client says. Since 0.1.
+struct SPeer : SPeerCredentials
+{
+    std::string name;      ///< the unique name on the bus
+    int connectionId = -1; ///< the port's id for it
+};
 
 /// What an application may choose for a host. Since 0.1.
 struct NELO_RPC_API SHostOptions
@@ -49,6 +57,21 @@ struct NELO_RPC_API SHostOptions
     /// How many actors one client may have; making a further one, or a lost one again, is refused with an error reply
     /// and an error line. 0: no limit.
     int maxActors = 0;
+
+    /// Says of each call whether this client may make it; empty: every client may make every call. One that it may not
+    /// make is refused with an error reply and an error line, and so is every call of a client of whom the bus does
+    /// not say who it is (it has left).
+    ///
+    /// @param typeName      the type of the actor that is called, whatever the call says. Of "ctor" and "dtor" it is the
+    ///                      type of the actor that is made or destroyed. The connection itself is of the type
+    ///                      CClientConnection::TYPENAME.
+    /// @param functionName  as the client sent it: the actor need not have such a function. A call that makes a lost
+    ///                      actor again is asked about twice, for "ctor" and for the function.
+    ///
+    /// Runs on the worker thread of the client, for several clients at once, with no lock of the library held; it is
+    /// watched, and killed, as the call is. Who the client is was asked of the bus on that thread too, once. An
+    /// exception is met as one of the function would be.
+    std::function<bool(SPeer const& peer, std::string const& typeName, std::string const& functionName)> authorize;
 
     /// What a new application should use. For now these are the defaults.
     static SHostOptions Recommended();
@@ -117,6 +140,10 @@ public:
     CThreadWatchdog& GetThreadWatchdog();
 
     SHostOptions const& GetOptions() const;
+
+    /// Who a client is, or nothing if the bus does not say. Blocks for the bus when it is first asked about a client.
+    /// Any thread.
+    std::optional<SPeer> FindPeer(int connectionId);
 
     /// Answers a call with a refusal (see refusal::make) and an error line that names the peer and the cause.
     void Refuse(int connectionId, types::CValueList const& refusal, CRpcPort::ReplyFunction const& reply);
