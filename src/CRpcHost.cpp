@@ -14,7 +14,12 @@ namespace nelo_rpc
 
 SHostOptions SHostOptions::Recommended()
 {
-    return {};
+    SHostOptions options;
+    options.peers = EPeers::Untrusted;
+    options.orphans = EOrphans::Destroy;
+    options.maxQueuedCalls = 64;
+    options.maxActors = 1000;
+    return options;
 }
 
 CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,

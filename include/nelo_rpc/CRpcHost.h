@@ -73,7 +73,8 @@ struct NELO_RPC_API SHostOptions
     /// exception is met as one of the function would be.
     std::function<bool(SPeer const& peer, std::string const& typeName, std::string const& functionName)> authorize;
 
-    /// What a new application should use. For now these are the defaults.
+    /// What a new application should use: untrusted peers, orphans destroyed, at most 64 calls of a client waiting and
+    /// 1000 actors for it.
     static SHostOptions Recommended();
 };
 
