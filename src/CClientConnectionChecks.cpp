@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <limits>
 #include <string>
 
 namespace nelo_rpc
@@ -19,14 +18,13 @@ namespace nelo_rpc
 namespace
 {
 
-/// The last actor id that a peer that is not trusted is given. The rest is for workers that look at the same time.
-constexpr int LAST_ACTOR_ID = std::numeric_limits<int>::max() - 1000000;
+constexpr std::size_t LONGEST_NAME = 100;
+constexpr std::size_t LONGEST_EXCEPTION = 500;
 
-/// A name that a peer sent, as it may stand in a log line and an error reply: on one line, and not for ever.
-std::string shown(std::string const& name)
+/// What a peer sent, or had a say in, as it may stand in a log line and an error reply: on one line, and not for ever.
+std::string shown(std::string const& name, std::size_t longest = LONGEST_NAME)
 {
-    constexpr std::size_t LONGEST = 100;
-    std::size_t length = std::min(name.size(), LONGEST);
+    std::size_t length = std::min(name.size(), longest);
     while (length < name.size() && length > 0 && (static_cast<unsigned char>(name[length]) & 0xC0) == 0x80)
     {
         --length; // not inside a character
@@ -123,7 +121,8 @@ void CClientConnection::CarryOutChecked(types::CValueList const& call, CRpcPort:
         // Not all of them, because a killed worker unwinds as well. What it says may be nobody's business but the
         // server's.
         logError() << "CClientConnection::OnFunctionCallSync " << shown(request.typeName) << ":"
-                   << shown(request.function) << " ended with an exception: " << exception.what();
+                   << shown(request.function)
+                   << " ended with an exception: " << shown(exception.what(), LONGEST_EXCEPTION);
         reply(refusal::make(refusal::FAILED, shown(request.function) + " ended with an exception"));
     }
 }
@@ -219,13 +218,9 @@ types::CValueList CClientConnection::ObjectionToOwnFunction(SRequest const& requ
     if (objection.empty() && request.function == protocol::CTOR)
     {
         std::string const typeName = types::unpackAt<std::string>(request.call, 0);
-        objection = typeName == TYPENAME ? types::CValueList() : ObjectionToType(typeName);
-        if (objection.empty() && lastActorId >= LAST_ACTOR_ID)
-        {
-            return refusal::make(refusal::LIMITS_EXCEEDED, "the server has handed out all actor ids");
-        }
+        return typeName == TYPENAME ? types::CValueList() : ObjectionToType(typeName);
     }
-    else if (objection.empty() && request.function == protocol::DTOR)
+    if (objection.empty() && request.function == protocol::DTOR)
     {
         int const actorId = types::unpackAt<int>(request.call, 0);
         return FindActor(actorId) == nullptr ? unknownActor(actorId) : types::CValueList();
@@ -317,9 +312,15 @@ std::shared_ptr<SPeer const> CClientConnection::FindPeer()
 int CClientConnection::TakeActorId()
 {
     int actorId = lastActorId.fetch_add(1) + 1;
-    while (m_host.GetOptions().peers == EPeers::Untrusted && FindActor(actorId) != nullptr)
+    while (m_host.GetOptions().peers == EPeers::Untrusted && (actorId <= 0 || FindActor(actorId) != nullptr))
     {
-        // A call for a lost actor took the id first. The actor that has it must not be left behind.
+        // A call for a lost actor may have taken the id, and the actor that has it must not be left behind. And a
+        // client that has patience can use up all ids: after the last one the first ones come again.
+        if (actorId <= 0)
+        {
+            int lowest = actorId;
+            lastActorId.compare_exchange_strong(lowest, 0);
+        }
         actorId = lastActorId.fetch_add(1) + 1;
     }
     return actorId;

@@ -271,16 +271,6 @@ TEST_F(UntrustedHost, ShowsNamesOfPeersOnOneLineAndShortened)
     ExpectRefused(ownCall("ctor", std::string("k\xC3\xA4se")), refusal::INVALID_ARGS, "unknown type k\xC3\xA4se");
 }
 
-TEST_F(UntrustedHost, HandsOutNoIdsBeyondTheLast)
-{
-    int const before = CClientConnection::lastActorId.exchange(std::numeric_limits<int>::max() - 5);
-    auto const reply = Own("ctor", std::string("Thing"));
-
-    ExpectRefusal(*reply, refusal::LIMITS_EXCEEDED, "the server has handed out all actor ids");
-    EXPECT_EQ(1, m_server.MadeCount());
-    CClientConnection::lastActorId = before;
-}
-
 // What is not
 
 TEST_F(UntrustedHost, CarriesOutWhatMakesSense)
@@ -318,6 +308,17 @@ TEST_F(UntrustedHost, HandsOutNoIdThatTheClientHasInUse)
     EXPECT_EQ(next + 2, m_server.Ctor(PEER));
     EXPECT_FALSE(log.Contains("should not repeat"));
     EXPECT_EQ(4, CountActorsLeft()) << "none was left behind";
+}
+
+TEST_F(UntrustedHost, HandsOutTheFirstIdsAgainAfterTheLast)
+{
+    m_server.Call(PEER, 2, "Add", 1)->Wait();
+    CClientConnection::lastActorId = std::numeric_limits<int>::max() - 1;
+
+    EXPECT_EQ(std::numeric_limits<int>::max(), m_server.Ctor(PEER));
+    EXPECT_EQ(1, m_server.Ctor(PEER));
+    EXPECT_EQ(3, m_server.Ctor(PEER)) << "2 is in use";
+    EXPECT_EQ(types::toString(listOf(2)), CThingServer::TextOf(*m_server.Call(PEER, 2, "Add", 1)));
 }
 
 TEST_F(UntrustedHost, LeavesTheArgumentsOfAFunctionThatTakesAListToIt)
@@ -370,6 +371,18 @@ TEST_F(UntrustedHost, OutlivesAnExceptionOfAFunctionAndDoesNotTellThePeerWhatItS
               log.Texts(ELevel::Error));
     EXPECT_EQ(types::toString(listOf(2)), CThingServer::TextOf(*m_server.Call(PEER, id, "Add", 2)));
     ExpectHonestClientServed();
+}
+
+TEST_F(UntrustedHost, ShowsWhatAnExceptionSaysOnOneLineAndShortened)
+{
+    m_server.run = [](CThing&) { throw std::runtime_error("a\nb" + std::string(1000, 'x')); };
+    int const id = m_server.Ctor(PEER);
+    CLogCapture log;
+    m_server.Call(PEER, id, "Run")->Wait();
+
+    EXPECT_EQ(Lines{"CClientConnection::OnFunctionCallSync Thing:Run ended with an exception: a?b" +
+                    std::string(497, 'x') + "..."},
+              log.Texts(ELevel::Error));
 }
 
 TEST_F(UntrustedHost, CanStillKillAWorkerAfterAnException)
