@@ -63,16 +63,18 @@ types::CValueList CActor::CallFunction(std::string const& name, types::CValueLis
 
 void CActor::AddFunction(std::string const& name, ValueListFunction function)
 {
-    Insert(name, [function = std::move(function)](types::CValueList const& args) {
+    auto windowed = [function = std::move(function)](types::CValueList const& args) {
         CCancellationWindow const window;
         return function(args);
-    });
+    };
+    Insert(name, std::move(windowed), nullptr);
 }
 
-void CActor::Insert(std::string const& name, ValueListFunction function)
+void CActor::Insert(std::string const& name, ValueListFunction function, ArgumentCheck check)
 {
     CCancellationGuard const guard;
     m_functions[name] = std::make_shared<ValueListFunction const>(std::move(function));
+    m_argumentChecks[name] = check;
 }
 
 void CActor::AddCallback(std::string const& name, ICallback& callback)
@@ -105,6 +107,13 @@ bool CActor::SendCallback(std::string const& name, types::CValueList const& list
     CCancellationGuard const guard;
     logDebug() << "CActor(" << m_id << ")::SendCallback";
     return m_connection.SendCallback(m_id, name, list);
+}
+
+int CActor::FindUnfitArgument(std::string const& name, types::CValueList const& args) const
+{
+    CCancellationGuard const guard;
+    auto const entry = m_argumentChecks.find(name);
+    return entry == m_argumentChecks.end() || entry->second == nullptr ? -1 : entry->second(args);
 }
 
 } // namespace nelo_rpc

@@ -9,6 +9,7 @@
 #include "SystemLog.h"
 
 #include <cstdlib>
+#include <exception>
 #include <utility>
 
 namespace nelo_rpc
@@ -34,26 +35,45 @@ std::atomic<int> CClientConnection::lastActorId{0};
 /// A received call with its reply, shared by the work item and the kill handler: whoever comes first answers.
 struct CClientConnection::SCall
 {
-    SCall(types::CValueList const& l, CRpcPort::ReplyFunction r) : list(l), reply(std::move(r)) {}
+    SCall(types::CValueList const& l, CRpcPort::ReplyFunction r, std::shared_ptr<std::atomic<int>> u)
+        : list(l), reply(std::move(r)), unanswered(std::move(u))
+    {
+        if (unanswered != nullptr)
+        {
+            ++*unanswered;
+        }
+    }
 
     /// A call that nobody is left to carry out is answered too.
     ~SCall() { Answer({}); }
 
     void Answer(types::CValueList const& result)
     {
-        if (!answered.exchange(true))
+        if (answered.exchange(true))
         {
-            reply(result);
+            return;
         }
+        if (unanswered != nullptr)
+        {
+            --*unanswered; // before the answer, which the next call may follow at once
+        }
+        reply(result);
     }
 
     types::CValueList const list;
     CRpcPort::ReplyFunction const reply;
+    std::shared_ptr<std::atomic<int>> const unanswered;
     std::atomic<bool> answered{false};
 };
 
 CClientConnection::CClientConnection(CRpcHost& host, int connectionId)
-    : m_host(host), m_connectionId(connectionId), m_ownActor(nullptr), m_shutDown(false), m_workerEnded(false)
+    : m_host(host),
+      m_connectionId(connectionId),
+      m_ownActor(nullptr),
+      m_shutDown(false),
+      m_workerEnded(false),
+      m_unanswered(host.GetOptions().maxQueuedCalls > 0 ? std::make_shared<std::atomic<int>>(0) : nullptr),
+      m_isRefusing(false)
 {
     m_ownActor = new CActor(*this, protocol::OWN_ACTOR_ID, TYPENAME, this);
     m_knownActors[protocol::OWN_ACTOR_ID] = m_ownActor;
@@ -73,14 +93,21 @@ CClientConnection::~CClientConnection()
 void CClientConnection::OnFunctionCall(types::CValueList const& call, CRpcPort::ReplyFunction reply)
 {
     logDebug() << "CClientConnection::OnFunctionCall with args=" << types::toString(call);
+    if (IsRefusedAsTooMany(reply))
+    {
+        return;
+    }
     std::string const name =
         types::unpackAt<std::string>(call, protocol::METHOD_NAME) + "[" + std::to_string(++callCounter) + "]";
-    auto const shared = std::make_shared<SCall>(call, std::move(reply));
+    auto const shared = std::make_shared<SCall>(call, std::move(reply), m_unanswered);
 
     std::lock_guard<std::mutex> const lock(m_postMutex);
     m_thread.Post(
         [this, shared] {
-            OnFunctionCallSync(shared->list, [&](types::CValueList const& result) { shared->Answer(result); });
+            if (!m_isClientGone) // else an actor that is made now would stay for ever
+            {
+                OnFunctionCallSync(shared->list, [&](types::CValueList const& result) { shared->Answer(result); });
+            }
         },
         name);
     m_host.GetThreadWatchdog().Ping(
@@ -131,6 +158,11 @@ void CClientConnection::OnFunctionCallSync(types::CValueList const& call, CRpcPo
     std::string const typeName = types::unpackAt<std::string>(call, protocol::TYPE_NAME);
     std::string const methodName = types::unpackAt<std::string>(call, protocol::METHOD_NAME);
     logDebug() << "CClientConnection::OnFunctionCallSync with function=" << typeName << ":" << methodName;
+    if (IsChecked())
+    {
+        CarryOutChecked(call, reply);
+        return;
+    }
     auto const actor = FindOrRecreateActor(actorId, typeName);
     reply(actor->CallFunction(methodName, call));
 }
@@ -144,9 +176,18 @@ std::shared_ptr<CActor> CClientConnection::FindOrRecreateActor(int actorId, std:
             return Hold(*actor);
         }
     }
+    return Recreate(actorId, typeName, {});
+}
+
+std::shared_ptr<CActor> CClientConnection::Recreate(int actorId, std::string const& typeName,
+                                                    std::function<bool(CActor const& actor)> const& isWanted)
+{
     logError() << "Actor is null for actorId=" << actorId << " in connectionId=" << m_connectionId << ", recreating it";
-    auto actor = Create(actorId, typeName);
-    actor->GetRecreateSender().Send();
+    auto actor = Create(actorId, typeName, isWanted);
+    if (actor != nullptr)
+    {
+        actor->GetRecreateSender().Send();
+    }
     return actor;
 }
 
@@ -159,8 +200,7 @@ std::shared_ptr<CActor> CClientConnection::Hold(CActor& actor) const
 int CClientConnection::ctor(std::string typeName)
 {
     CCancellationGuard const guard;
-    int const actorId = lastActorId.fetch_add(1) + 1;
-    return Create(actorId, typeName)->GetId();
+    return Create(TakeActorId(), typeName)->GetId();
 }
 
 void CClientConnection::dtor(int actorId)
@@ -191,7 +231,8 @@ CActor* CClientConnection::CreateActorWithId(int actorId, std::string const& typ
     return Create(actorId, typeName).get();
 }
 
-std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const& typeName)
+std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const& typeName,
+                                                  std::function<bool(CActor const& actor)> const& isWanted)
 {
     if (typeName == TYPENAME)
     {
@@ -206,6 +247,11 @@ std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const
         object = type->create();
     }
     auto actor = MakeActor(*type, object, actorId, typeName);
+    if (isWanted && !isWanted(*actor))
+    {
+        DestroyClaimed(actor.get(), true);
+        return nullptr;
+    }
     Enter(actor.get(), actorId, typeName);
     logDebug() << "CClientConnection::ctor actor=" << actor.get() << " actorId=" << actorId << " done";
     return actor;
@@ -214,13 +260,24 @@ std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const
 std::shared_ptr<CActor> CClientConnection::MakeActor(SActorType const& type, void* object, int actorId,
                                                      std::string const& typeName)
 {
-    // A setup that is killed, or throws, leaves nothing behind that still sends through the actor.
+    // A setup that is killed, or throws, leaves nothing behind that still sends through the actor. Of an object that
+    // was being set up when its worker was killed nobody knows the state.
     struct SUnregister
     {
-        void operator()(CActor* actor) const { actor->CleanCallbacks(); }
+        SActorType const& type;
+        int const exceptions = std::uncaught_exceptions();
+
+        void operator()(CActor* actor) const
+        {
+            actor->CleanCallbacks();
+            if (std::uncaught_exceptions() > exceptions)
+            {
+                type.destroy(actor->GetObject());
+            }
+        }
     };
     auto actor = std::make_shared<CActor>(*this, actorId, typeName, object);
-    std::unique_ptr<CActor, SUnregister> unfinished(actor.get());
+    std::unique_ptr<CActor, SUnregister> unfinished(actor.get(), SUnregister{type});
     {
         CCancellationWindow const window;
         type.setup(*actor);
@@ -293,7 +350,9 @@ void CClientConnection::DestroyClaimed(CActor* actor, bool deleteObject)
     if (deleteObject)
     {
         logDebug() << "CClientConnection::dtor calling destructor...";
-        type->destroy(actor->GetObject());
+        // An object that throws half way can neither be used nor destroyed again. That ends the process, also where an
+        // exception otherwise costs the call alone.
+        [&]() noexcept { type->destroy(actor->GetObject()); }();
 
         // A destructor cannot be unwound, so none is cancelled; a kill that came meanwhile acts here.
         CCancellationWindow const window;
@@ -410,7 +469,7 @@ void CClientConnection::PostRemoval(int actorId)
     }
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
-        if (m_shutDown || !m_leaving.insert(actorId).second)
+        if (m_shutDown || m_isClientGone || !m_leaving.insert(actorId).second)
         {
             return;
         }
@@ -428,6 +487,27 @@ void CClientConnection::PostRemoval(int actorId)
             m_killSender.Send();
         },
         name);
+}
+
+void CClientConnection::OnClientGone()
+{
+    CCancellationGuard const guard;
+    m_isClientGone = true;
+    std::string const name = "gone[" + std::to_string(m_connectionId) + "]";
+    std::lock_guard<std::mutex> const lock(m_postMutex);
+    m_thread.Post([this] { RemoveOrphans(); }, name);
+    m_host.GetThreadWatchdog().Ping(
+        &m_thread, [this] { LoseActors(); }, name);
+}
+
+void CClientConnection::RemoveOrphans()
+{
+    CCancellationGuard const guard;
+    DestroyActors(true);
+    if (m_thread.IsStarted())
+    {
+        StopWorker(); // there was no last actor to do so
+    }
 }
 
 void CClientConnection::RemoveLostActor(int actorId)

@@ -12,10 +12,17 @@ namespace nelo_rpc::types
 namespace
 {
 
-CBinaryValue const& binaryOfKind(CValue& v, int kind)
+/// Null if the value is of another class or kind.
+CBinaryValue const* findBinaryOfKind(CValue& v, int kind)
 {
     auto const* const binary = dynamic_cast<CBinaryValue*>(&v);
-    if (binary == nullptr || binary->GetKind() != kind)
+    return binary != nullptr && binary->GetKind() == kind ? binary : nullptr;
+}
+
+CBinaryValue const& binaryOfKind(CValue& v, int kind)
+{
+    auto const* const binary = findBinaryOfKind(v, kind);
+    if (binary == nullptr)
     {
         internal_values::failOnWrongType();
     }
@@ -44,6 +51,12 @@ char const* bytesOfKind(CValue& v, int kind, unsigned int size)
     return binary.GetData();
 }
 
+bool hasBytesOfKind(CValue& v, int kind, unsigned int size)
+{
+    auto const* const binary = findBinaryOfKind(v, kind);
+    return binary != nullptr && binary->GetSize() >= size;
+}
+
 } // namespace internal_values
 
 std::shared_ptr<CValue> SValueTraits<std::vector<std::uint8_t>>::Pack(std::vector<std::uint8_t> const& bytes)
@@ -55,6 +68,11 @@ std::vector<std::uint8_t> SValueTraits<std::vector<std::uint8_t>>::Unpack(CValue
 {
     CBinaryValue const& binary = binaryOfKind(v, binarykind::Opaque);
     return std::vector<std::uint8_t>(binary.GetData(), binary.GetData() + binary.GetSize());
+}
+
+bool SValueTraits<std::vector<std::uint8_t>>::Accepts(CValue& v)
+{
+    return findBinaryOfKind(v, binarykind::Opaque) != nullptr;
 }
 
 CValue& entryAt(CValueList const& list, int index)

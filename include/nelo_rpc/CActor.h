@@ -50,6 +50,7 @@ public:
     types::CValueList CallFunction(std::string const& name, types::CValueList const& args) const;
 
     /// Makes a function callable under a name, replacing an earlier one. For setup functions: not safe against calls.
+    /// It gets whatever list a peer sends and looks at the arguments itself, also in a host that trusts nobody.
     void AddFunction(std::string const& name, ValueListFunction function);
 
     /// The same for a typed member function of an object, which must live as long as the actor.
@@ -57,13 +58,13 @@ public:
     void AddFunction(std::string const& name, T& object, R (C::*member)(A...))
     {
         CCancellationGuard const guard;
-        Insert(name, makeValueListFunction(object, member));
+        Insert(name, makeValueListFunction(object, member), &findUnfitArgument<A...>);
     }
     template <class T, class C, class R, class... A>
     void AddFunction(std::string const& name, T& object, R (C::*member)(A...) const)
     {
         CCancellationGuard const guard;
-        Insert(name, makeValueListFunction(object, member));
+        Insert(name, makeValueListFunction(object, member), &findUnfitArgument<A...>);
     }
 
     /// The same for a lambda, a function object or a function pointer. One that takes a value list and returns one
@@ -79,7 +80,8 @@ public:
         }
         else
         {
-            Insert(name, makeValueListFunction(std::move(function)));
+            ArgumentCheck const check = argumentCheckFor(function);
+            Insert(name, makeValueListFunction(std::move(function)), check);
         }
     }
 
@@ -96,10 +98,14 @@ public:
     /// Sends a callback to the actor's client. False when it could not be sent; the actor is then removed.
     bool SendCallback(std::string const& name, types::CValueList const& list) const;
 
+    /// The index of the leftmost argument that is missing or that the function cannot take; -1 if there is none, if the
+    /// function takes the whole list, and for an unknown name. Since 0.1.
+    int FindUnfitArgument(std::string const& name, types::CValueList const& args) const;
+
 private:
     friend class CClientConnection; // which makes it share ownership of itself
 
-    void Insert(std::string const& name, ValueListFunction function);
+    void Insert(std::string const& name, ValueListFunction function, ArgumentCheck check);
 
     CCallbackSender<> m_recreateSender;
     CClientConnection& m_connection;
@@ -113,6 +119,8 @@ private:
     // Of this object, until the connection lets go of it. A call holds a copy, so that a kill cannot take the actor
     // away from a worker that is cut off inside the library.
     std::shared_ptr<CActor> m_self;
+
+    std::map<std::string, ArgumentCheck> m_argumentChecks; // of the typed functions
 };
 
 } // namespace nelo_rpc

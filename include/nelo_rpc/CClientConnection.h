@@ -8,6 +8,7 @@
 #include <nelo_rpc/Export.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,6 +21,7 @@ namespace nelo_rpc
 
 class CRpcHost;
 struct SActorType;
+struct SPeer;
 
 /// What a host keeps for one peer: its actors and the worker thread that runs its calls one at a time.
 ///
@@ -73,13 +75,21 @@ public:
     ///         worker thread.
     bool SendCallback(int actorId, std::string const& name, types::CValueList const& list);
 
+    /// The client has left the bus: destroys its actors with their objects on the worker thread, which then ends.
+    /// Calls that are queued are not carried out any more. Does not wait. Runs on the port's receiver thread.
+    /// Since 0.1.
+    void OnClientGone();
+
 private:
     struct SCall;
 
     void LoseActors();
     void ForgetClaimed();
     std::shared_ptr<CActor> FindOrRecreateActor(int actorId, std::string const& typeName);
-    std::shared_ptr<CActor> Create(int actorId, std::string const& typeName);
+    std::shared_ptr<CActor> Recreate(int actorId, std::string const& typeName,
+                                     std::function<bool(CActor const& actor)> const& isWanted);
+    std::shared_ptr<CActor> Create(int actorId, std::string const& typeName,
+                                   std::function<bool(CActor const& actor)> const& isWanted = {});
     std::shared_ptr<SActorType const> FindActorType(std::string const& typeName);
     std::shared_ptr<CActor> MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName);
     std::shared_ptr<CActor> Hold(CActor& actor) const;
@@ -89,6 +99,28 @@ private:
     void StopWorker();
     void PostRemoval(int actorId);
     void RemoveLostActor(int actorId);
+    void RemoveOrphans();
+    int TakeActorId();
+    bool IsRefusedAsTooMany(CRpcPort::ReplyFunction const& reply);
+
+    struct SRequest;
+
+    // What a host that was told to looks at before a call is carried out. An objection is a list that refuses the call,
+    // and empty if there is none.
+    bool IsChecked() const;
+    void CarryOutChecked(types::CValueList const& call, CRpcPort::ReplyFunction const& reply);
+    void CarryOutUnlessRefused(SRequest const& request, CRpcPort::ReplyFunction const& reply);
+    std::shared_ptr<CActor> FindActor(int actorId);
+    std::shared_ptr<CActor> FindOrRecreateFor(SRequest const& request, types::CValueList& objection);
+    types::CValueList ObjectionTo(SRequest const& request);
+    types::CValueList ObjectionToTarget(SRequest const& request, CActor const* actor);
+    types::CValueList ObjectionToLostActor(SRequest const& request);
+    types::CValueList ObjectionToOwnFunction(SRequest const& request);
+    types::CValueList ObjectionToType(std::string const& typeName);
+    types::CValueList ObjectionToNumber(SRequest const& request, CActor const* actor);
+    types::CValueList ObjectionToPeer(SRequest const& request, CActor const* actor);
+    std::string FindTypeOfTarget(SRequest const& request, CActor const* actor);
+    std::shared_ptr<SPeer const> FindPeer();
 
     CCallbackSender<> m_killSender;
     CRpcHost& m_host;
@@ -107,6 +139,11 @@ private:
     // Held while a call and its ping are posted and while the worker stops itself: a ping that came after the stop
     // would start a thread for nothing.
     std::mutex m_postMutex;
+
+    std::shared_ptr<std::atomic<int>> const m_unanswered; // calls, which may outlive the connection; null: not counted
+    bool m_isRefusing;                                    // only for the receiver thread
+    std::atomic<bool> m_isClientGone{false};
+    std::shared_ptr<SPeer const> m_peer; // once it was asked for; guarded by m_mutex
 };
 
 } // namespace nelo_rpc

@@ -5,17 +5,26 @@
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/CThreadWatchdog.h>
 #include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
 
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
 namespace nelo_rpc
 {
+
+/// A client as the bus vouches for it: nothing of this is what the client says. Since 0.1.
+struct SPeer : SPeerCredentials
+{
+    std::string name;      ///< the unique name on the bus
+    int connectionId = -1; ///< the port's id for it
+};
 
 /// What an application may choose for a host. Since 0.1.
 struct NELO_RPC_API SHostOptions
@@ -27,7 +36,45 @@ struct NELO_RPC_API SHostOptions
     /// since its call add up to the limit.
     int hangCheckMs = 5000;
 
-    /// What a new application should use. For now these are the defaults.
+    /// Untrusted: no call ends the process, whatever a peer puts into it. Each is looked at before anything is done
+    /// about it; one that makes no sense is refused with an error reply and an error line. So is one for a function
+    /// that the actor does not have, and one that a std::exception of the application ends.
+    ///
+    /// What only the application can look at remains its own: see CActor::AddFunction() and types::SValueTraits. A
+    /// message that is none of the protocol is the port's affair: see SPortOptions::peers.
+    EPeers peers = EPeers::Trusted;
+
+    /// Destroy: when a client leaves the bus, its actors are destroyed with their objects, and its worker thread ends.
+    /// A call that is being carried out is done before, or killed if it hangs; those that wait behind it are not
+    /// carried out any more. The host uses the port's WatchPeers() for this, and an error line says so if the port
+    /// cannot tell who leaves. When the bus itself is lost, nobody leaves it.
+    EOrphans orphans = EOrphans::Keep;
+
+    /// How many calls of one client may be without an answer, the one that is being carried out included. A further
+    /// one is refused at once with an error reply, and the first of several in a row with an error line. 0: no limit.
+    int maxQueuedCalls = 0;
+
+    /// How many actors one client may have; making a further one, or a lost one again, is refused with an error reply
+    /// and an error line. 0: no limit.
+    int maxActors = 0;
+
+    /// Says of each call whether this client may make it; empty: every client may make every call. One that it may not
+    /// make is refused with an error reply and an error line, and so is every call of a client of whom the bus does
+    /// not say who it is (it has left).
+    ///
+    /// @param typeName      the type of the actor that is called, whatever the call says. Of "ctor" and "dtor" it is the
+    ///                      type of the actor that is made or destroyed. The connection itself is of the type
+    ///                      CClientConnection::TYPENAME.
+    /// @param functionName  as the client sent it: the actor need not have such a function. A call that makes a lost
+    ///                      actor again is asked about twice, for "ctor" and for the function.
+    ///
+    /// Runs on the worker thread of the client, for several clients at once, with no lock of the library held; it is
+    /// watched, and killed, as the call is. Who the client is was asked of the bus on that thread too, once. An
+    /// exception is met as one of the function would be.
+    std::function<bool(SPeer const& peer, std::string const& typeName, std::string const& functionName)> authorize;
+
+    /// What a new application should use: untrusted peers, orphans destroyed, at most 64 calls of a client waiting and
+    /// 1000 actors for it.
     static SHostOptions Recommended();
 };
 
@@ -93,6 +140,15 @@ public:
 
     CThreadWatchdog& GetThreadWatchdog();
 
+    SHostOptions const& GetOptions() const;
+
+    /// Who a client is, or nothing if the bus does not say. Blocks for the bus when it is first asked about a client.
+    /// Any thread.
+    std::optional<SPeer> FindPeer(int connectionId);
+
+    /// Answers a call with a refusal (see refusal::make) and an error line that names the peer and the cause.
+    void Refuse(int connectionId, types::CValueList const& refusal, CRpcPort::ReplyFunction const& reply);
+
 private:
     template <class T>
     static std::function<void*()> MakeCreate(std::function<std::unique_ptr<T>()> make)
@@ -113,11 +169,15 @@ private:
 
     [[noreturn]] static void FailOnMissingFactory();
 
+    void WatchClients();
+    void OnClientGone(int connectionId);
+
     CRpcPort& m_port;
     std::recursive_mutex m_mutex; // guards the registry
     std::map<int, CClientConnection> m_connections;
     std::map<std::string, std::shared_ptr<SActorType const>> m_actorTypes;
     CThreadWatchdog m_watchdog;
+    SHostOptions const m_options;
 };
 
 } // namespace nelo_rpc

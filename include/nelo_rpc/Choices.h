@@ -11,4 +11,11 @@ enum class EPeers
     Untrusted ///< it is refused with an error reply and an error line, and the process goes on
 };
 
+/// What becomes of the actors of a client that has left the bus. Since 0.1.
+enum class EOrphans
+{
+    Keep,   ///< they stay until a callback to the client fails, or the host ends
+    Destroy ///< they are destroyed
+};
+
 } // namespace nelo_rpc

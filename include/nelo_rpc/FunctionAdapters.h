@@ -37,6 +37,13 @@ types::CValueList adaptAt(std::function<R(A...)> const& f, types::CValueList con
     return result;
 }
 
+template <class T>
+bool isFit(types::CValueList const& args, int index)
+{
+    auto const entry = args.find(index);
+    return entry != args.end() && entry->second != nullptr && types::canUnpack<T>(*entry->second);
+}
+
 } // namespace internal_adapters
 
 /// Reads the arguments from 0, 1, ..., calls `f` and returns a list that holds its result at 0.
@@ -102,6 +109,27 @@ ValueListFunction makeValueListFunction(T& object, R (C::*member)(A...) const)
 {
     return makeValueListFunction(std::function<R(A...)>(
         [&object, member](A... args) -> R { return (object.*member)(std::forward<A>(args)...); }));
+}
+
+/// Looks at the arguments of a call before a typed function is called with them: the index of the leftmost one that is
+/// missing or that the function cannot take, or -1. Never fatal. Since 0.1.
+using ArgumentCheck = int (*)(types::CValueList const& args);
+
+/// The check for arguments of the given types. Arguments behind them are not looked at. Since 0.1.
+template <class... A>
+int findUnfitArgument(types::CValueList const& args)
+{
+    static_cast<void>(args); // of a function without arguments
+    int index = 0;
+    bool const allFit = (true && ... && (internal_adapters::isFit<std::decay_t<A>>(args, index) && ++index > 0));
+    return allFit ? -1 : index;
+}
+
+/// The check that belongs to a typed function. Since 0.1.
+template <class R, class... A>
+ArgumentCheck argumentCheckFor(std::function<R(A...)> const&)
+{
+    return &findUnfitArgument<A...>;
 }
 
 } // namespace nelo_rpc

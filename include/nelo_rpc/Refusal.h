@@ -22,6 +22,7 @@ constexpr char const* UNKNOWN_OBJECT = "org.freedesktop.DBus.Error.UnknownObject
 constexpr char const* UNKNOWN_INTERFACE = "org.freedesktop.DBus.Error.UnknownInterface";
 constexpr char const* ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied";
 constexpr char const* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr char const* FAILED = "org.freedesktop.DBus.Error.Failed";
 
 /// The entry of a list that refuses a call. Since 0.1.
 class NELO_RPC_API CRefusal : public types::CValue

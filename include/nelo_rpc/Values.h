@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 /// Making, testing and reading values.
@@ -106,11 +107,14 @@ inline CCString defaultReturnValue<CCString>()
 /// {
 ///     static std::shared_ptr<CValue> Pack(Point const& p) { return packValue(p.x + "," + p.y); }
 ///     static Point Unpack(CValue& v) { return parsePoint(unpackValue<std::string>(v)); }
+///     static bool Accepts(CValue& v) { return canUnpack<std::string>(v); }
 /// };
 /// @endcode
 ///
 /// Pack must give one of the classes that can be sent (int, std::string, CCString, CBinaryValue); Unpack
-/// meets whatever a peer sent. Both run on the thread that makes or serves the call. Since 0.1.
+/// meets whatever a peer sent. Accepts says of a value, before it is unpacked, whether Unpack can take it: a host that
+/// does not trust its peers refuses a call with an argument that is not accepted. It may be left out if Unpack takes
+/// any value. All run on the thread that makes or serves the call. Since 0.1.
 template <class T, class Enable = void>
 struct SValueTraits
 {
@@ -129,10 +133,14 @@ struct TypedTraits
 {
     static std::shared_ptr<CValue> Pack(T const& value) { return makeValue<T>(value); }
     static T Unpack(CValue& v) { return extract<T>(v); }
+    static bool Accepts(CValue& v) { return hasType<T>(v); }
 };
 
 /// The bytes of a binary value of exactly this kind with at least `size` bytes; anything else is fatal.
 NELO_RPC_API char const* bytesOfKind(CValue& v, int kind, unsigned int size);
+
+/// Whether there are such bytes.
+NELO_RPC_API bool hasBytesOfKind(CValue& v, int kind, unsigned int size);
 
 /// A value that is held as a binary value of a fixed size.
 template <class T, class Wire, int Kind>
@@ -150,6 +158,17 @@ struct BinaryTraits
         std::memcpy(&wire, bytesOfKind(v, Kind, sizeof(wire)), sizeof(wire));
         return static_cast<T>(wire);
     }
+
+    static bool Accepts(CValue& v) { return hasBytesOfKind(v, Kind, sizeof(Wire)); }
+};
+
+template <class T, class Enable = void>
+struct HasAccepts : std::false_type
+{
+};
+template <class T>
+struct HasAccepts<T, std::void_t<decltype(SValueTraits<T>::Accepts(std::declval<CValue&>()))>> : std::true_type
+{
 };
 
 } // namespace internal_values
@@ -203,6 +222,7 @@ struct SValueTraits<std::vector<std::uint8_t>>
 {
     NELO_RPC_API static std::shared_ptr<CValue> Pack(std::vector<std::uint8_t> const& bytes);
     NELO_RPC_API static std::vector<std::uint8_t> Unpack(CValue& v);
+    NELO_RPC_API static bool Accepts(CValue& v);
 };
 
 /// The value of a typed argument, result or payload.
@@ -218,6 +238,22 @@ template <class T>
 T unpackValue(CValue& v)
 {
     return SValueTraits<T>::Unpack(v);
+}
+
+/// Whether unpackValue<T>() can take the value. Of a type whose traits do not say it, any value can be taken.
+/// Since 0.1.
+template <class T>
+bool canUnpack(CValue& v)
+{
+    if constexpr (internal_values::HasAccepts<T>::value)
+    {
+        return SValueTraits<T>::Accepts(v);
+    }
+    else
+    {
+        static_cast<void>(v);
+        return true;
+    }
 }
 
 /// The entry of a list under an index. A missing or null entry is fatal, as a wrong type is.

@@ -1,10 +1,9 @@
 #include "MessageCheck.h"
 
-#include <nelo_rpc/Protocol.h>
 #include <nelo_rpc/Refusal.h>
-#include <nelo_rpc/Values.h>
 #include <nelo_rpc/dbusport/DbusMarshalling.h>
 
+#include "../Address.h"
 #include "DbusNames.h"
 
 namespace nelo_rpc::dbus
@@ -40,27 +39,6 @@ bool isText(char const* field, char const* text)
     return field != nullptr && std::string(field) == text;
 }
 
-template <class T>
-bool holds(types::CValueList const& list, int index)
-{
-    auto const entry = list.find(index);
-    return entry != list.end() && types::hasType<T>(*entry->second);
-}
-
-/// Who is called, or calls back, and under which name: hosts and clients read it without asking.
-char const* whyNotAddressed(types::CValueList const& list, bool isCall)
-{
-    if (!holds<int>(list, protocol::ACTOR_ID))
-    {
-        return "an integer should be at ACTOR_ID (-2)";
-    }
-    if (!holds<std::string>(list, protocol::METHOD_NAME))
-    {
-        return "a string should be at METHOD_NAME (-1)";
-    }
-    return isCall && !holds<std::string>(list, protocol::TYPE_NAME) ? "a string should be at TYPE_NAME (-4)" : nullptr;
-}
-
 } // namespace
 
 SObjection objectionTo(DBusMessage* message, types::CValueList& list)
@@ -85,7 +63,7 @@ SObjection objectionTo(DBusMessage* message, types::CValueList& list)
     {
         return {refusal::INVALID_ARGS, std::move(cause)};
     }
-    if (char const* const why = whyNotAddressed(list, type == DBUS_MESSAGE_TYPE_METHOD_CALL))
+    if (char const* const why = protocol::whyNotAddressed(list, type == DBUS_MESSAGE_TYPE_METHOD_CALL))
     {
         return {refusal::INVALID_ARGS, why};
     }

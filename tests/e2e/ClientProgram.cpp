@@ -7,6 +7,7 @@
 ///           add <number>      calls Add: "result <sum>" or "no result"
 ///           block <number>    calls CountAndBlock the same way
 ///           late <number>     calls BlockAndCount the same way
+///           hang              calls Hang the same way
 ///           hold              from now on a callback's handler says "in handler" and stays there
 ///           loop              calls Add(1) on a thread until the end; says "looping" after the first answer
 ///           destroy           destroys the probe: "destroyed"
@@ -131,6 +132,10 @@ int main(int argc, char** argv)
         else if (command == "late" && words >> number)
         {
             sayResult(probe->BlockAndCount.TryCall(number));
+        }
+        else if (command == "hang")
+        {
+            sayResult(probe->Hang.TryCall());
         }
         else if (command == "hold")
         {

@@ -1,7 +1,10 @@
 /// A server for the tests: serves probes under the bus name given, says what becomes of them on standard output
 /// and does what it is told on standard input.
 ///
-/// usage: ServerProgram <bus name> [<hang limit in ms> <check period in ms> [<pause before the host in ms>]]
+/// usage: ServerProgram <bus name> [<hang limit in ms> <check period in ms> [<pause before the host in ms>]] [<choice>]
+///
+/// choice:   "recommended": all that is recommended for a host; "own": the same, for clients of the server's user only.
+///           Without one the host's choices are the defaults.
 ///
 /// says:     "ready", "made <type>", "destroyed", "blocked" (a function waits for "release"), "hanging"
 /// is told:  fire <text>   every probe sends OnEvent        stream / still   sends them without a pause
@@ -12,6 +15,8 @@
 #include "CHang.h"
 #include "ProbeTypes.h"
 #include "ProgramSupport.h"
+
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -234,6 +239,22 @@ int numberOr(int argc, char** argv, int index, int otherwise)
     return argc > index ? std::atoi(argv[index]) : otherwise;
 }
 
+nelo_rpc::SHostOptions optionsFor(std::string const& choice)
+{
+    if (choice.empty())
+    {
+        return {};
+    }
+    nelo_rpc::SHostOptions options = nelo_rpc::SHostOptions::Recommended();
+    if (choice == "own")
+    {
+        options.authorize = [](nelo_rpc::SPeer const& peer, std::string const&, std::string const&) {
+            return peer.uid == ::geteuid();
+        };
+    }
+    return options;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -242,11 +263,20 @@ int main(int argc, char** argv)
     {
         return 2;
     }
+    std::string choice = argv[argc - 1];
+    if (choice == "recommended" || choice == "own")
+    {
+        --argc;
+    }
+    else
+    {
+        choice.clear();
+    }
     sendErrorsToStderr();
     nelo_rpc::CDbusPort port(argv[1], true, nelo_rpc::SPortOptions::Recommended());
     std::this_thread::sleep_for(std::chrono::milliseconds(numberOr(argc, argv, 4, 0)));
 
-    nelo_rpc::SHostOptions options = nelo_rpc::SHostOptions::Recommended();
+    nelo_rpc::SHostOptions options = optionsFor(choice);
     options.hangLimitMs = numberOr(argc, argv, 2, options.hangLimitMs);
     options.hangCheckMs = numberOr(argc, argv, 3, options.hangCheckMs);
     auto host = std::make_unique<nelo_rpc::CRpcHost>(port, options, &registerTypes);

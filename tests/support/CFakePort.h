@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -112,7 +113,38 @@ public:
         m_timeoutsMs.push_back(timeoutMs);
     }
 
+    std::optional<nelo_rpc::SPeerCredentials> GetPeerCredentials(int connectionId) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_credentialQueries.push_back(connectionId);
+        auto const peer = m_credentials.find(connectionId);
+        return peer == m_credentials.end() ? std::nullopt : std::make_optional(peer->second);
+    }
+
+    std::string GetPeerName(int connectionId) const override { return ":fake." + std::to_string(connectionId); }
+
+    bool WatchPeers(std::function<void(int connectionId)> onGone) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_onGone = std::move(onGone);
+        return m_canWatch;
+    }
+
     // What the test says beforehand.
+
+    /// Who a peer is; nobody until told otherwise.
+    void SetCredentials(int connectionId, nelo_rpc::SPeerCredentials const& credentials)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_credentials[connectionId] = credentials;
+    }
+
+    /// Whether the port can tell who leaves: true until told otherwise.
+    void SetCanWatch(bool canWatch)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_canWatch = canWatch;
+    }
 
     /// The next call without an answer of its own gets this one; several are used up in order.
     void AnswerNext(CValueList answer)
@@ -181,6 +213,19 @@ public:
         return m_timeoutsMs;
     }
 
+    std::vector<int> CredentialQueries() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_credentialQueries;
+    }
+
+    /// Whether somebody watches the peers.
+    bool IsWatched() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return static_cast<bool>(m_onGone);
+    }
+
     /// Adds an event of the test's own to the order of events.
     void Record(std::string const& event) { m_events->Add(event); }
 
@@ -202,6 +247,20 @@ public:
 
     /// Hands a callback to the callback listener, on the calling thread.
     void Callback(CValueList callback) { OnCallback(callback); }
+
+    /// A peer leaves: tells who watches, on the calling thread as a receiver thread would.
+    void Leave(int connectionId)
+    {
+        std::function<void(int)> onGone;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            onGone = m_onGone;
+        }
+        if (onGone)
+        {
+            onGone(connectionId);
+        }
+    }
 
 private:
     class CEvents
@@ -235,6 +294,10 @@ private:
     std::function<bool(CValueList const&, int)> m_sendScript;
     bool m_sendResult = true;
     bool m_connected = true;
+    std::map<int, nelo_rpc::SPeerCredentials> m_credentials;
+    std::vector<int> m_credentialQueries;
+    std::function<void(int)> m_onGone;
+    bool m_canWatch = true;
     std::shared_ptr<CEvents> m_events = std::make_shared<CEvents>(); // replies may outlive the port
 };
 

@@ -208,6 +208,37 @@ TEST_F(CActorOnConnection, AFunctionMayAddAndReplaceFunctionsOfItsActor)
     EXPECT_EQ(types::toString(listOf(3)), types::toString(actor.CallFunction("Added", {})));
 }
 
+TEST_F(CActorOnConnection, FindsTheArgumentThatATypedFunctionCannotTake)
+{
+    CCounter counter;
+    CActor actor(m_connection, 12, "Counter", &counter);
+    actor.AddFunction("Twice", &twice);
+    actor.AddFunction("Sum", [](int a, int b) { return a + b; });
+    actor.AddFunction("Add", counter, &CCounter::Add);
+    actor.AddFunction("Describe", counter, &CCounter::Describe);
+    auto const text = std::string("text");
+
+    for (auto const* const name : {"Twice", "Add"})
+    {
+        EXPECT_EQ(-1, actor.FindUnfitArgument(name, listOf(3))) << name;
+        EXPECT_EQ(0, actor.FindUnfitArgument(name, listOf(text))) << name;
+        EXPECT_EQ(0, actor.FindUnfitArgument(name, {})) << name;
+    }
+    EXPECT_EQ(1, actor.FindUnfitArgument("Sum", listOf(3)));
+    EXPECT_EQ(-1, actor.FindUnfitArgument("Describe", listOf(text, 3)));
+    EXPECT_EQ(1, actor.FindUnfitArgument("Describe", listOf(text, text)));
+}
+
+TEST_F(CActorOnConnection, FindsNoUnfitArgumentWhereNothingIsSaidAboutThem)
+{
+    CActor actor(m_connection, 12, "Counter", nullptr);
+    actor.AddFunction("Twice", &twice);
+    actor.AddFunction("Twice", [](types::CValueList const& call) { return call; });
+
+    EXPECT_EQ(-1, actor.FindUnfitArgument("Twice", {}));
+    EXPECT_EQ(-1, actor.FindUnfitArgument("Nope", {}));
+}
+
 using CActorOnConnectionDeathTest = CActorOnConnection;
 
 TEST_F(CActorOnConnectionDeathTest, AnArgumentOfTheWrongTypeLogsAndAborts)

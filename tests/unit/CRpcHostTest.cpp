@@ -128,6 +128,18 @@ TEST(CRpcHost, TheDefaultLimitsAreTwentySecondsCheckedEveryFive)
     EXPECT_EQ(5000, options.hangCheckMs);
 }
 
+TEST(CRpcHost, RecommendsWhatProtectsAServerFromItsClients)
+{
+    SHostOptions const options = SHostOptions::Recommended();
+    EXPECT_EQ(EPeers::Untrusted, options.peers);
+    EXPECT_EQ(EOrphans::Destroy, options.orphans);
+    EXPECT_EQ(64, options.maxQueuedCalls);
+    EXPECT_EQ(1000, options.maxActors);
+    EXPECT_FALSE(options.authorize);
+    EXPECT_EQ(20000, options.hangLimitMs);
+    EXPECT_EQ(5000, options.hangCheckMs);
+}
+
 TEST(CRpcHost, CanBeDestroyedThroughAPointerToADerivedClass)
 {
     EXPECT_TRUE(std::has_virtual_destructor_v<CRpcHost>);

@@ -16,6 +16,8 @@
 
 using namespace nelo_rpc::types;
 using nelo_rpc::adapt;
+using nelo_rpc::argumentCheckFor;
+using nelo_rpc::findUnfitArgument;
 using nelo_rpc::makeNoVoidFunction;
 using nelo_rpc::makeValueListFunction;
 using nelo_rpc::ValueListFunction;
@@ -32,6 +34,11 @@ struct SSize
 {
     int width;
     int height;
+};
+
+/// Its traits unpack it from anything.
+struct SUndemanding
+{
 };
 
 char const* const WRONG_TYPE = R"(\[[0-9]+\] wrong type in CValue)";
@@ -105,6 +112,14 @@ struct SValueTraits<SSize>
         int const both = unpackValue<int>(value);
         return {both / 1000, both % 1000};
     }
+    static bool Accepts(CValue& value) { return canUnpack<int>(value); }
+};
+
+template <>
+struct SValueTraits<SUndemanding>
+{
+    static std::shared_ptr<CValue> Pack(SUndemanding const&) { return packValue<int>(0); }
+    static SUndemanding Unpack(CValue&) { return {}; }
 };
 } // namespace nelo_rpc::types
 
@@ -556,4 +571,67 @@ TEST(MakeValueListFunction, MayBeCalledFromManyThreadsAtOnce)
     }
 
     EXPECT_EQ((std::vector<int>{100, 101, 102, 103}), sums);
+}
+
+// ---- looking at arguments before a call ----
+
+TEST(FindUnfitArgument, FindsNoneIfAllArgumentsAreWhatTheFunctionTakes)
+{
+    EXPECT_EQ(-1, findUnfitArgument<>(CValueList()));
+    EXPECT_EQ(-1, (findUnfitArgument<int, std::string const&>(listOf(1, std::string("2")))));
+}
+
+TEST(FindUnfitArgument, KnowsEveryType)
+{
+    auto const call = listOf<int, unsigned, bool, float, double, EColour, std::string, char const*, CCString,
+                             std::vector<std::uint8_t>, SSize>(-1, 4000000000U, true, 0.5F, 0.25, EColour::Blue, "s",
+                                                               "c", CCString("cc"), {8, 9}, SSize{12, 34});
+
+    EXPECT_EQ(-1, (findUnfitArgument<int, unsigned, bool, float, double, EColour, std::string, char const*, CCString,
+                                     std::vector<std::uint8_t>, SSize>(call)));
+}
+
+TEST(FindUnfitArgument, FindsTheLeftmostThatIsMissingOrIllTyped)
+{
+    EXPECT_EQ(0, findUnfitArgument<int>(CValueList()));
+    EXPECT_EQ(0, findUnfitArgument<int>(listOf(std::string("5"))));
+    EXPECT_EQ(1, (findUnfitArgument<int, int, int>(listOf(1))));
+    EXPECT_EQ(1, (findUnfitArgument<int, int, int>(listOf(1, 2U, std::string("3")))));
+    EXPECT_EQ(0, findUnfitArgument<int>(CValueList{{0, nullptr}}));
+}
+
+TEST(FindUnfitArgument, LooksAtClassKindAndSize)
+{
+    auto const binary = [](unsigned int size, int kind) {
+        return CValueList{{0, std::make_shared<CBinaryValue>("12345678", size, kind)}};
+    };
+    EXPECT_EQ(0, findUnfitArgument<std::string>(listOf<char const*>("text")));
+    EXPECT_EQ(0, findUnfitArgument<char const*>(listOf(std::string("text"))));
+    EXPECT_EQ(0, findUnfitArgument<double>(listOf(0.5F)));
+    EXPECT_EQ(0, findUnfitArgument<double>(binary(7, 3)));
+    EXPECT_EQ(-1, findUnfitArgument<double>(binary(8, 3)));
+    EXPECT_EQ(0, findUnfitArgument<bool>(binary(0, 4)));
+    EXPECT_EQ(0, findUnfitArgument<EColour>(listOf(1)));
+    EXPECT_EQ(0, findUnfitArgument<std::vector<std::uint8_t>>(binary(4, 1)));
+    EXPECT_EQ(-1, findUnfitArgument<std::vector<std::uint8_t>>(binary(0, 0)));
+}
+
+TEST(FindUnfitArgument, DoesNotLookBehindWhatTheFunctionTakes)
+{
+    EXPECT_EQ(-1, findUnfitArgument<int>(listOf(1, std::string("more"))));
+}
+
+TEST(FindUnfitArgument, AsksTheTraitsOfAnApplicationsOwnType)
+{
+    EXPECT_EQ(0, findUnfitArgument<SSize>(listOf(std::string("12034"))));
+    EXPECT_EQ(0, findUnfitArgument<SUndemanding>(CValueList())) << "there is nothing to unpack";
+    EXPECT_EQ(-1, findUnfitArgument<SUndemanding>(listOf(std::string("anything"))));
+}
+
+TEST(ArgumentCheckFor, ATypedFunctionIsThatOfItsArguments)
+{
+    auto const check = argumentCheckFor(std::function(&sumOfTwo));
+
+    EXPECT_EQ(-1, check(listOf(1, 2)));
+    EXPECT_EQ(1, check(listOf(1)));
 }

@@ -31,8 +31,8 @@ struct NELO_RPC_API SPortOptions
     /// Untrusted: no ill-formed message ends the process. Each message is checked before anything is done about it: a
     /// call that does not keep to the protocol is refused with an error reply and an error line, a signal is dropped
     /// with an error line, and an ill-formed reply is no reply. Whoever makes such a call gets no connection id for it.
-    /// A well-formed call for an unknown type, or with other arguments than a function takes, is the host's affair,
-    /// and ends it.
+    /// A well-formed call for an unknown type, or with other arguments than a function takes, is the host's affair: see
+    /// SHostOptions::peers.
     EPeers peers = EPeers::Trusted;
 
     /// How many bytes may wait to be sent before SendCallback fails, with an error line: the bus does not take them.
