@@ -311,7 +311,7 @@ std::shared_ptr<SPeer const> CClientConnection::FindPeer()
 
 int CClientConnection::TakeActorId()
 {
-    int actorId = lastActorId.fetch_add(1) + 1;
+    int actorId = ++lastActorId; // which may be the lowest number, after the highest
     while (m_host.GetOptions().peers == EPeers::Untrusted && (actorId <= 0 || FindActor(actorId) != nullptr))
     {
         // A call for a lost actor may have taken the id, and the actor that has it must not be left behind. And a
@@ -321,7 +321,7 @@ int CClientConnection::TakeActorId()
             int lowest = actorId;
             lastActorId.compare_exchange_strong(lowest, 0);
         }
-        actorId = lastActorId.fetch_add(1) + 1;
+        actorId = ++lastActorId;
     }
     return actorId;
 }

@@ -207,6 +207,7 @@ TEST_F(HostOrphans, AreDestroyedOnceThoughCallbacksToTheirClientFailMeanwhile)
     ASSERT_TRUE(m_log.WaitFor(" finishes"));
     EXPECT_EQ((std::vector<int>{2, 3}), m_server.Destroyed());
     EXPECT_EQ(0, m_log.Count("runnable: remove["));
+    m_server.onDestroy = {}; // what it refers to ends here
 }
 
 TEST_F(HostOrphans, DoNotKeepAHostFromEnding)
