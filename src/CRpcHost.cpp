@@ -2,22 +2,27 @@
 
 #include <nelo_rpc/Cancellation.h>
 
+#include <nelo_rpc/Refusal.h>
+
+#include "CHostCore.h"
 #include "SystemLog.h"
 
 #include <cstdlib>
-#include <tuple>
 
 namespace nelo_rpc
 {
 
 SHostOptions SHostOptions::Recommended()
 {
-    return {};
+    SHostOptions options;
+    options.kill = EKill::AtCancellationPoint;
+    options.reportHangs = true;
+    return options;
 }
 
 CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
                    std::function<void(CRpcHost& host)> const& registerTypes)
-    : m_port(port), m_watchdog(options.hangLimitMs, options.hangCheckMs)
+    : m_port(port), m_core(std::make_shared<CHostCore>(port, options))
 {
     if (registerTypes)
     {
@@ -28,7 +33,7 @@ CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
         [this](types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply) {
             OnFunctionCall(call, connectionId, std::move(reply));
         });
-    m_watchdog.Start();
+    m_core->GetThreadWatchdog().Start();
 }
 
 CRpcHost::~CRpcHost()
@@ -38,31 +43,47 @@ CRpcHost::~CRpcHost()
     m_port.SetFunctionCallListener({});
     for (auto& [connectionId, connection] : m_connections)
     {
-        connection.Shutdown();
+        connection->Shutdown();
     }
-    m_watchdog.StopAndJoin();
+    m_core->GetThreadWatchdog().StopAndJoin();
+    for (auto& [connectionId, connection] : m_connections)
+    {
+        connection->Close();
+    }
+    m_core->End();
 }
 
 void CRpcHost::RegisterActorType(std::string const& typeName, SActorType type)
 {
     CCancellationGuard const guard;
-    auto shared = std::make_shared<SActorType const>(std::move(type));
-    std::lock_guard<std::recursive_mutex> const lock(m_mutex);
-    m_actorTypes[typeName] = std::move(shared);
+    m_core->RegisterActorType(typeName, std::move(type));
 }
 
 std::shared_ptr<SActorType const> CRpcHost::FindActorType(std::string const& typeName)
 {
     CCancellationGuard const guard;
-    std::lock_guard<std::recursive_mutex> const lock(m_mutex);
-    auto const type = m_actorTypes.find(typeName);
-    return type != m_actorTypes.end() ? type->second : nullptr;
+    return m_core->FindActorType(typeName);
 }
 
 void CRpcHost::OnFunctionCall(types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply)
 {
     logDebug() << "CRpcHost::CRpcHost OnFunctionCall with msg=" << types::toString(call);
-    GetOrCreateClientConnection(connectionId).OnFunctionCall(call, std::move(reply));
+    CClientConnection& connection = GetOrCreateClientConnection(connectionId);
+    if (IsRefused(connection))
+    {
+        logError() << "CRpcHost::OnFunctionCall refused a call of connectionId=" << connectionId
+                   << ", too many threads are cut off";
+        reply(refusal::make(refusal::LIMITS_EXCEEDED, "calls of this client hang, and too many do"));
+        return;
+    }
+    connection.OnFunctionCall(call, std::move(reply));
+}
+
+bool CRpcHost::IsRefused(CClientConnection const& connection) const
+{
+    SHostOptions const& options = m_core->GetOptions();
+    return options.kill == EKill::AtCancellationPoint && options.maxCutOff > 0 && connection.HasCutOffWorkers() &&
+           m_core->GetCutOffs()->Get() >= options.maxCutOff;
 }
 
 CClientConnection& CRpcHost::GetOrCreateClientConnection(int connectionId)
@@ -70,24 +91,22 @@ CClientConnection& CRpcHost::GetOrCreateClientConnection(int connectionId)
     auto connection = m_connections.find(connectionId);
     if (connection == m_connections.end())
     {
-        connection = m_connections
-                         .emplace(std::piecewise_construct, std::forward_as_tuple(connectionId),
-                                  std::forward_as_tuple(*this, connectionId))
-                         .first;
+        auto made = std::make_shared<CClientConnection>(*this, connectionId);
+        made->ShareWithWorkers(made);
+        connection = m_connections.emplace(connectionId, std::move(made)).first;
     }
-    return connection->second;
+    return *connection->second;
 }
 
 bool CRpcHost::SendCallback(types::CValueList const& list, int connectionId)
 {
     CCancellationGuard const guard;
-    logDebug() << "CRpcHost::CRpcHost SendCallback with msg=" << types::toString(list);
-    return m_port.SendCallback(list, connectionId);
+    return m_core->SendCallback(list, connectionId);
 }
 
 CThreadWatchdog& CRpcHost::GetThreadWatchdog()
 {
-    return m_watchdog;
+    return m_core->GetThreadWatchdog();
 }
 
 void CRpcHost::FailOnMissingFactory()

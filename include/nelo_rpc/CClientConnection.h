@@ -6,11 +6,15 @@
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Export.h>
+#include <nelo_rpc/HangReport.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -18,6 +22,7 @@
 namespace nelo_rpc
 {
 
+class CHostCore;
 class CRpcHost;
 struct SActorType;
 
@@ -73,25 +78,49 @@ public:
     ///         worker thread.
     bool SendCallback(int actorId, std::string const& name, types::CValueList const& list);
 
+    /// For the host: lets the workers keep this object alive, so that one that is cut off may end after the host.
+    void ShareWithWorkers(std::weak_ptr<CClientConnection> self);
+
+    /// For the host, after Shutdown() and the watchdog's end: answers what was never carried out, with an empty list.
+    void Close();
+
+    /// Whether workers were cut off and have not ended. Any thread.
+    bool HasCutOffWorkers() const;
+
 private:
     struct SCall;
+    class CUnfinished;
+    class CRunning;
 
+    /// What the worker is doing, for a report.
+    struct SRunning
+    {
+        std::string actorType;
+        std::string function;
+        int thread;
+        std::chrono::steady_clock::time_point since;
+    };
+
+    void Ping(std::string const& name, std::function<void()> onKill);
+    void ReportHang();
+    void LearnPeer();
+    void NameRunningType(std::string const& typeName);
+    std::unique_lock<std::mutex> LockTable();
     void LoseActors();
     void ForgetClaimed();
     std::shared_ptr<CActor> FindOrRecreateActor(int actorId, std::string const& typeName);
     std::shared_ptr<CActor> Create(int actorId, std::string const& typeName);
     std::shared_ptr<SActorType const> FindActorType(std::string const& typeName);
-    std::shared_ptr<CActor> MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName);
     std::shared_ptr<CActor> Hold(CActor& actor) const;
-    void Enter(CActor* actor, int actorId, std::string const& typeName);
-    void DestroyClaimed(CActor* actor, bool deleteObject);
+    void Enter(std::shared_ptr<CActor> const& actor, int actorId, std::string const& typeName);
+    void DestroyClaimed(std::shared_ptr<CActor> actor, bool deleteObject);
     std::size_t Erase(int actorId, CActor* actor);
     void StopWorker();
     void PostRemoval(int actorId);
     void RemoveLostActor(int actorId);
 
     CCallbackSender<> m_killSender;
-    CRpcHost& m_host;
+    std::shared_ptr<CHostCore> const m_core;
     int m_connectionId;
     CLoopThread m_thread;
     std::map<int, CActor*> m_knownActors;
@@ -107,6 +136,13 @@ private:
     // Held while a call and its ping are posted and while the worker stops itself: a ping that came after the stop
     // would start a thread for nothing.
     std::mutex m_postMutex;
+
+    std::shared_ptr<CCutOffCount> const m_cutOffs; // of this connection
+
+    // Guarded by m_mutex too.
+    std::shared_ptr<CActor> m_unfinished; // being set up
+    std::optional<SRunning> m_running;    // only if hangs are reported
+    std::optional<SHangReport> m_peer;    // the same; only what concerns the peer is filled in
 };
 
 } // namespace nelo_rpc

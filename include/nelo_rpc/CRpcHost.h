@@ -5,17 +5,20 @@
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/CThreadWatchdog.h>
 #include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
+#include <nelo_rpc/HangReport.h>
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
 namespace nelo_rpc
 {
+
+class CHostCore;
 
 /// What an application may choose for a host. Since 0.1.
 struct NELO_RPC_API SHostOptions
@@ -27,7 +30,27 @@ struct NELO_RPC_API SHostOptions
     /// since its call add up to the limit.
     int hangCheckMs = 5000;
 
-    /// What a new application should use. For now these are the defaults.
+    /// How a hung worker is killed. AtCancellationPoint: where POSIX allows it, and where it calls the library. A
+    /// worker that gets to no such point within a second is cut off: the client sees what it sees after any kill, the
+    /// worker is left to itself, and a new one takes its place. What it uses of the library lives until it has ended,
+    /// which it does as soon as its function returns, or calls the library; its result and its callbacks are dropped.
+    /// An error line says so, and an info line when it has ended.
+    EKill kill = EKill::Anywhere;
+
+    /// With AtCancellationPoint: while so many workers of the host are cut off and have not ended, calls of each
+    /// client that one of them is of are refused at once, with an error line. 0: no limit.
+    int maxCutOff = 16;
+
+    /// Whether error lines tell, before each kill, whose worker is killed, in which function, for how long it has
+    /// been there, and its stack. To read the stack it is interrupted by the signal SIGURG. Each client's credentials
+    /// are asked for before its first call.
+    bool reportHangs = false;
+
+    /// Gets the same, and turns `reportHangs` on. Runs on the watchdog's thread, right before the kill, which waits for
+    /// it. What it throws ends the process.
+    std::function<void(SHangReport const& report)> onHang;
+
+    /// What a new application should use: AtCancellationPoint, and reports.
     static SHostOptions Recommended();
 };
 
@@ -113,11 +136,13 @@ private:
 
     [[noreturn]] static void FailOnMissingFactory();
 
+    friend class CClientConnection; // which shares the core
+
+    bool IsRefused(CClientConnection const& connection) const;
+
     CRpcPort& m_port;
-    std::recursive_mutex m_mutex; // guards the registry
-    std::map<int, CClientConnection> m_connections;
-    std::map<std::string, std::shared_ptr<SActorType const>> m_actorTypes;
-    CThreadWatchdog m_watchdog;
+    std::shared_ptr<CHostCore> const m_core;
+    std::map<int, std::shared_ptr<CClientConnection>> m_connections;
 };
 
 } // namespace nelo_rpc
