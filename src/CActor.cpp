@@ -81,25 +81,49 @@ void CActor::AddCallback(std::string const& name, ICallback& callback)
 {
     CCancellationGuard const guard;
     callback.AddActor(this, name);
-    m_callbacks.insert(&callback);
+    {
+        std::lock_guard<std::mutex> const lock(m_callbacksMutex);
+        if (!m_isAbandoned)
+        {
+            m_callbacks.insert(&callback);
+            return;
+        }
+    }
+    callback.RemoveActor(this);
 }
 
 void CActor::RemoveCallback(ICallback& callback)
 {
     CCancellationGuard const guard;
     callback.RemoveActor(this);
+    std::lock_guard<std::mutex> const lock(m_callbacksMutex);
     m_callbacks.erase(&callback);
 }
 
 void CActor::CleanCallbacks()
 {
     CCancellationGuard const guard;
-    for (ICallback* const callback : m_callbacks)
+    // One by one, so that the handler of a kill takes up where a worker that was cut off has got to.
+    while (ICallback* const callback = TakeCallback())
     {
         logDebug() << "CActor::~CActor removing self from callback " << callback;
         callback->RemoveActor(this);
     }
-    m_callbacks.clear();
+}
+
+ICallback* CActor::TakeCallback()
+{
+    std::lock_guard<std::mutex> const lock(m_callbacksMutex);
+    return m_callbacks.empty() ? nullptr : m_callbacks.extract(m_callbacks.begin()).value();
+}
+
+void CActor::Abandon()
+{
+    {
+        std::lock_guard<std::mutex> const lock(m_callbacksMutex);
+        m_isAbandoned = true; // what a setup that is cut off adds from now on is removed at once
+    }
+    CleanCallbacks();
 }
 
 bool CActor::SendCallback(std::string const& name, types::CValueList const& list) const

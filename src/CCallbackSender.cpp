@@ -5,6 +5,7 @@
 #include "SystemLog.h"
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -28,12 +29,37 @@ void ActorSendCallback(CActor* actor, std::string const& name, types::CValueList
     actor->SendCallback(name, list);
 }
 
+std::shared_ptr<CActor> ActorHold(CActor* actor)
+{
+    return actor->m_weakSelf.lock();
+}
+
+namespace
+{
+
+/// A send through an actor that is under way.
+struct SSend
+{
+    CActor* actor;
+    std::thread::id thread;
+    std::shared_ptr<CActor> held;                         // null for an actor that no connection made
+    std::shared_ptr<CCancellationRequest const> ofWorker; // null on other threads
+
+    /// A thread that was cut off may take for ever, so the actor lives as long as its send.
+    bool IsWaitedFor() const { return held == nullptr || ofWorker == nullptr || !ofWorker->IsCutOff(); }
+};
+
+/// How often a wait for a send looks whether the sending thread was cut off, which is told nobody.
+constexpr std::chrono::milliseconds CUT_OFF_CHECK{100};
+
+} // namespace
+
 struct CSender::SState
 {
     std::mutex mutex;
     std::condition_variable sent;
     std::map<CActor*, std::string> actors;
-    std::vector<std::pair<CActor*, std::thread::id>> sending; // an actor in here is not deleted
+    std::vector<SSend> sending; // an actor in here is not deleted
 
     /// Enters a send through the actor, unless it was removed meanwhile.
     bool Begin(CActor* actor)
@@ -43,22 +69,29 @@ struct CSender::SState
         {
             return false;
         }
-        sending.emplace_back(actor, std::this_thread::get_id());
+        sending.push_back({actor, std::this_thread::get_id(), ActorHold(actor), CCancellationRequest::Own()});
         return true;
     }
 
     void End(CActor* actor)
     {
+        SSend ended{}; // destroyed unlocked, with the actor perhaps
         std::lock_guard<std::mutex> const lock(mutex);
-        sending.erase(std::find(sending.begin(), sending.end(), std::make_pair(actor, std::this_thread::get_id())));
+        auto const self = std::this_thread::get_id();
+        auto const send = std::find_if(sending.begin(), sending.end(), [&](SSend const& candidate) {
+            return candidate.actor == actor && candidate.thread == self;
+        });
+        ended = std::move(*send);
+        sending.erase(send);
         sent.notify_all();
     }
 
     bool IsSentByOthers(CActor* actor) const
     {
         auto const self = std::this_thread::get_id();
-        return std::any_of(sending.begin(), sending.end(),
-                           [&](auto const& send) { return send.first == actor && send.second != self; });
+        return std::any_of(sending.begin(), sending.end(), [&](SSend const& send) {
+            return send.actor == actor && send.thread != self && send.IsWaitedFor();
+        });
     }
 };
 
@@ -89,12 +122,20 @@ void CSender::RemoveActor(CActor* actor)
     auto const state = m_state; // the sender may be destroyed by a send that is waited for
     std::unique_lock<std::mutex> lock(state->mutex);
     state->actors.erase(actor);
-    state->sent.wait(lock, [&] { return !state->IsSentByOthers(actor); });
+    while (state->IsSentByOthers(actor))
+    {
+        state->sent.wait_for(lock, CUT_OFF_CHECK);
+    }
 }
 
 void CSender::SendList(types::CValueList const& payload)
 {
     CCancellationGuard const guard;
+    if (CCancellationRequest::IsOwnCutOff())
+    {
+        logError() << "CCallbackSender::Send dropped, the sending thread was cut off";
+        return;
+    }
     auto const state = m_state; // what a send leads to may destroy this object
     std::map<CActor*, std::string> snapshot;
     {
@@ -103,6 +144,10 @@ void CSender::SendList(types::CValueList const& payload)
     }
     for (auto const& [actor, name] : snapshot)
     {
+        if (CCancellationRequest::IsOwnCutOff())
+        {
+            return;
+        }
         if (!state->Begin(actor))
         {
             continue;

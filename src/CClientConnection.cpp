@@ -1,12 +1,13 @@
 #include <nelo_rpc/CClientConnection.h>
 
-#include <nelo_rpc/CRpcHost.h>
 #include <nelo_rpc/Cancellation.h>
 #include <nelo_rpc/FunctionAdapters.h>
 #include <nelo_rpc/Protocol.h>
 #include <nelo_rpc/Values.h>
 
+#include "CHostCore.h"
 #include "SystemLog.h"
+#include "ThreadInterrupt.h"
 
 #include <cstdlib>
 #include <exception>
@@ -25,6 +26,12 @@ std::atomic<int> callCounter{0};
 constexpr char const* CREATE = "CreateActorWithId";
 constexpr char const* DESTROY = "DestroyActor";
 
+/// What a report calls the removal of an actor whose client has gone.
+constexpr char const* REMOVE = "remove";
+
+/// How long a hung worker may take to show its stack.
+constexpr std::chrono::milliseconds STACK_LIMIT{500};
+
 } // namespace
 
 // Never destroyed, because threads that are alive at exit still create actors.
@@ -35,8 +42,9 @@ std::atomic<int> CClientConnection::lastActorId{0};
 /// A received call with its reply, shared by the work item and the kill handler: whoever comes first answers.
 struct CClientConnection::SCall
 {
-    SCall(types::CValueList const& l, CRpcPort::ReplyFunction r, std::shared_ptr<std::atomic<int>> u)
-        : list(l), reply(std::move(r)), unanswered(std::move(u))
+    SCall(types::CValueList const& l, CRpcPort::ReplyFunction r, std::shared_ptr<std::atomic<bool> const> e,
+          std::shared_ptr<std::atomic<int>> u)
+        : list(l), reply(std::move(r)), hostEnded(std::move(e)), unanswered(std::move(u))
     {
         if (unanswered != nullptr)
         {
@@ -49,7 +57,8 @@ struct CClientConnection::SCall
 
     void Answer(types::CValueList const& result)
     {
-        if (answered.exchange(true))
+        bool const mayUsePort = !*hostEnded && !CCancellationRequest::IsOwnCutOff();
+        if (!mayUsePort || answered.exchange(true))
         {
             return;
         }
@@ -62,8 +71,85 @@ struct CClientConnection::SCall
 
     types::CValueList const list;
     CRpcPort::ReplyFunction const reply;
+    std::shared_ptr<std::atomic<bool> const> const hostEnded;
     std::shared_ptr<std::atomic<int>> const unanswered;
     std::atomic<bool> answered{false};
+};
+
+/// An actor on its way to the table. What does not get there, because the setup is killed or throws, leaves nothing
+/// behind that still sends through the actor.
+class CClientConnection::CUnfinished
+{
+public:
+    CUnfinished(CClientConnection& connection, std::shared_ptr<CActor> const& actor, SActorType const& type)
+        : m_connection(connection), m_actor(actor), m_type(type)
+    {
+        auto const lock = connection.LockTable();
+        connection.m_unfinished = actor;
+    }
+
+    CUnfinished(CUnfinished const&) = delete;
+    CUnfinished& operator=(CUnfinished const&) = delete;
+
+    ~CUnfinished()
+    {
+        bool isEntered = false;
+        {
+            std::lock_guard<std::mutex> const lock(m_connection.m_mutex);
+            isEntered = m_actor->m_self != nullptr;
+            if (m_connection.m_unfinished == m_actor)
+            {
+                m_connection.m_unfinished.reset();
+            }
+        }
+        if (isEntered)
+        {
+            return;
+        }
+        m_actor->CleanCallbacks();
+        if (std::uncaught_exceptions() > m_exceptions) // a kill unwinds without one: nobody knows the object's state
+        {
+            m_type.destroy(m_actor->GetObject());
+        }
+    }
+
+private:
+    CClientConnection& m_connection;
+    std::shared_ptr<CActor> const m_actor;
+    SActorType const& m_type;
+    int const m_exceptions = std::uncaught_exceptions();
+};
+
+/// What the calling worker is doing from now on, as a report tells it.
+class CClientConnection::CRunning
+{
+public:
+    CRunning(CClientConnection& connection, std::string const& actorType, std::string const& function)
+        : m_connection(connection), m_thread(interrupt::OwnThread())
+    {
+        {
+            auto const lock = connection.LockTable();
+            connection.m_running = SRunning{actorType, function, m_thread, std::chrono::steady_clock::now()};
+        }
+        static_cast<void>(connection.FindPeer()); // the report has no time for it
+    }
+
+    CRunning(CRunning const&) = delete;
+    CRunning& operator=(CRunning const&) = delete;
+
+    ~CRunning()
+    {
+        std::lock_guard<std::mutex> const lock(m_connection.m_mutex);
+        auto& running = m_connection.m_running;
+        if (running && running->thread == m_thread) // and not what the next worker does
+        {
+            running.reset();
+        }
+    }
+
+private:
+    CClientConnection& m_connection;
+    int const m_thread;
 };
 
 CClientConnection::CClientConnection(CRpcHost& host, int connectionId)
@@ -73,8 +159,11 @@ CClientConnection::CClientConnection(CRpcHost& host, int connectionId)
       m_shutDown(false),
       m_workerEnded(false),
       m_unanswered(host.GetOptions().maxQueuedCalls > 0 ? std::make_shared<std::atomic<int>>(0) : nullptr),
-      m_isRefusing(false)
+      m_isRefusing(false),
+      m_core(host.m_core),
+      m_cutOffs(std::make_shared<CCutOffCount>(m_core->GetCutOffs()))
 {
+    ShareWithWorkers({});
     m_ownActor = new CActor(*this, protocol::OWN_ACTOR_ID, TYPENAME, this);
     m_knownActors[protocol::OWN_ACTOR_ID] = m_ownActor;
     m_ownActor->AddFunction(protocol::CTOR, *this, &CClientConnection::ctor);
@@ -99,7 +188,7 @@ void CClientConnection::OnFunctionCall(types::CValueList const& call, CRpcPort::
     }
     std::string const name =
         types::unpackAt<std::string>(call, protocol::METHOD_NAME) + "[" + std::to_string(++callCounter) + "]";
-    auto const shared = std::make_shared<SCall>(call, std::move(reply), m_unanswered);
+    auto const shared = std::make_shared<SCall>(call, std::move(reply), m_core->GetEnded(), m_unanswered);
 
     std::lock_guard<std::mutex> const lock(m_postMutex);
     m_thread.Post(
@@ -110,24 +199,104 @@ void CClientConnection::OnFunctionCall(types::CValueList const& call, CRpcPort::
             }
         },
         name);
-    m_host.GetThreadWatchdog().Ping(
-        &m_thread,
-        [this, shared] {
-            LoseActors();
-            shared->Answer({});
-            m_killSender.Send();
-        },
-        name);
+    Ping(name, [this, shared] {
+        LoseActors();
+        shared->Answer({});
+        m_killSender.Send();
+    });
+}
+
+void CClientConnection::Ping(std::string const& name, std::function<void()> onKill)
+{
+    std::function<void()> beforeKill;
+    if (m_core->IsReportingHangs())
+    {
+        beforeKill = [this] { ReportHang(); };
+    }
+    m_core->WhileHostLives(
+        [&] { m_host.GetThreadWatchdog().Ping(&m_thread, std::move(onKill), name, std::move(beforeKill)); });
+}
+
+void CClientConnection::ReportHang()
+{
+    SHangReport report;
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        if (!m_running)
+        {
+            return; // killed already, with an earlier ping of its
+        }
+        report.peer = m_peer != nullptr ? std::make_optional<SPeerCredentials>(*m_peer) : std::nullopt;
+        report.connectionId = m_connectionId;
+        report.actorType = m_running->actorType;
+        report.function = m_running->function;
+        report.threadId = m_running->thread;
+        auto const running = std::chrono::steady_clock::now() - m_running->since;
+        report.runningMs = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(running).count());
+    }
+    report.peerName = m_core->GetPeerName(m_connectionId);
+    report.stack = interrupt::StackOf(report.threadId, STACK_LIMIT);
+    m_core->Report(report);
+}
+
+void CClientConnection::NameRunningType(std::string const& typeName)
+{
+    if (m_core->IsReportingHangs())
+    {
+        auto const lock = LockTable();
+        if (m_running && m_running->thread == interrupt::OwnThread())
+        {
+            m_running->actorType = typeName;
+        }
+    }
+}
+
+std::unique_lock<std::mutex> CClientConnection::LockTable()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_thread.IsCurrentThread())
+    {
+        // What is in the table is not its any more. Under the lock, so that the handler of the kill, which takes it
+        // too, meets no change that is half made.
+        CCancellationRequest::EndIfCutOff();
+    }
+    return lock;
+}
+
+void CClientConnection::ShareWithWorkers(std::weak_ptr<void> keeper)
+{
+    SWorkerOptions options;
+    options.kill = m_core->GetOptions().kill;
+    options.owner = std::move(keeper);
+    options.cutOffs = m_cutOffs;
+    m_thread.SetWorkerOptions(std::move(options));
+}
+
+void CClientConnection::Close()
+{
+    m_thread.Close();
+}
+
+bool CClientConnection::HasCutOffWorkers() const
+{
+    return m_cutOffs->Get() > 0;
 }
 
 void CClientConnection::LoseActors()
 {
+    std::shared_ptr<CActor> unfinished;
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
+        m_running.reset();
         if (m_workerEnded)
         {
             return; // what is left belongs to the thread that shuts the connection down
         }
+        unfinished = std::move(m_unfinished);
+    }
+    if (unfinished != nullptr)
+    {
+        unfinished->Abandon();
     }
     ForgetClaimed();
     DestroyActors(false);
@@ -135,9 +304,10 @@ void CClientConnection::LoseActors()
 
 void CClientConnection::ForgetClaimed()
 {
-    // The killed worker was in the middle of destroying these, and their objects may be half gone. They are left
+    // The killed worker was in the middle of destroying these, and their objects may be half gone, so these are left
     // alone; a call for one of them finds it lost.
-    std::lock_guard<std::mutex> const lock(m_mutex);
+    std::vector<std::shared_ptr<CActor>> forgotten; // a worker that was cut off holds its own until it has ended
+    std::unique_lock<std::mutex> lock(m_mutex);
     for (auto entry = m_knownActors.begin(); entry != m_knownActors.end();)
     {
         if (m_claimed.count(entry->second) == 0)
@@ -146,9 +316,15 @@ void CClientConnection::ForgetClaimed()
             continue;
         }
         m_leaving.erase(entry->first);
+        forgotten.push_back(std::move(entry->second->m_self));
         entry = m_knownActors.erase(entry);
     }
     m_claimed.clear();
+    lock.unlock();
+    for (auto const& actor : forgotten)
+    {
+        actor->CleanCallbacks();
+    }
 }
 
 void CClientConnection::OnFunctionCallSync(types::CValueList const& call, CRpcPort::ReplyFunction const& reply)
@@ -158,6 +334,11 @@ void CClientConnection::OnFunctionCallSync(types::CValueList const& call, CRpcPo
     std::string const typeName = types::unpackAt<std::string>(call, protocol::TYPE_NAME);
     std::string const methodName = types::unpackAt<std::string>(call, protocol::METHOD_NAME);
     logDebug() << "CClientConnection::OnFunctionCallSync with function=" << typeName << ":" << methodName;
+    std::optional<CRunning> running;
+    if (m_core->IsReportingHangs())
+    {
+        running.emplace(*this, typeName, methodName);
+    }
     if (IsChecked())
     {
         CarryOutChecked(call, reply);
@@ -170,7 +351,7 @@ void CClientConnection::OnFunctionCallSync(types::CValueList const& call, CRpcPo
 std::shared_ptr<CActor> CClientConnection::FindOrRecreateActor(int actorId, std::string const& typeName)
 {
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const lock = LockTable();
         if (CActor* const actor = m_knownActors[actorId])
         {
             return Hold(*actor);
@@ -208,15 +389,25 @@ void CClientConnection::dtor(int actorId)
     CCancellationGuard const guard;
     CActor* actor = nullptr;
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const lock = LockTable();
         actor = m_knownActors[actorId];
     }
     DestroyActor(actor, true);
 }
 
+std::shared_ptr<SActorType const> CClientConnection::LookUpType(std::string const& typeName)
+{
+    std::shared_ptr<SActorType const> type;
+    if (!m_core->WhileHostLives([&] { type = m_host.FindActorType(typeName); }))
+    {
+        CCancellationRequest::EndIfCutOff();
+    }
+    return type;
+}
+
 std::shared_ptr<SActorType const> CClientConnection::FindActorType(std::string const& typeName)
 {
-    auto type = m_host.FindActorType(typeName);
+    auto type = LookUpType(typeName);
     if (type == nullptr)
     {
         logFatal() << "Unknown type " << typeName;
@@ -240,59 +431,36 @@ std::shared_ptr<CActor> CClientConnection::Create(int actorId, std::string const
     }
     logInconsistency(Info, CREATE, "CClientConnection::ctor typeName= %s", typeName.c_str());
     auto const type = FindActorType(typeName);
+    NameRunningType(typeName);
 
     void* object = nullptr;
     {
         CCancellationWindow const window;
         object = type->create();
     }
-    auto actor = MakeActor(*type, object, actorId, typeName);
+    auto actor = std::make_shared<CActor>(*this, actorId, typeName, object);
+    actor->m_weakSelf = actor;
+    CUnfinished const unfinished(*this, actor, *type);
+    {
+        CCancellationWindow const window;
+        type->setup(*actor);
+    }
     if (isWanted && !isWanted(*actor))
     {
-        DestroyClaimed(actor.get(), true);
+        DestroyClaimed(std::move(actor), true);
         return nullptr;
     }
-    Enter(actor.get(), actorId, typeName);
+    Enter(actor, actorId, typeName);
     logDebug() << "CClientConnection::ctor actor=" << actor.get() << " actorId=" << actorId << " done";
     return actor;
 }
 
-std::shared_ptr<CActor> CClientConnection::MakeActor(SActorType const& type, void* object, int actorId,
-                                                     std::string const& typeName)
-{
-    // A setup that is killed, or throws, leaves nothing behind that still sends through the actor. Of an object that
-    // was being set up when its worker was killed nobody knows the state.
-    struct SUnregister
-    {
-        SActorType const& type;
-        int const exceptions = std::uncaught_exceptions();
-
-        void operator()(CActor* actor) const
-        {
-            actor->CleanCallbacks();
-            if (std::uncaught_exceptions() > exceptions)
-            {
-                type.destroy(actor->GetObject());
-            }
-        }
-    };
-    auto actor = std::make_shared<CActor>(*this, actorId, typeName, object);
-    std::unique_ptr<CActor, SUnregister> unfinished(actor.get(), SUnregister{type});
-    {
-        CCancellationWindow const window;
-        type.setup(*actor);
-    }
-    actor->m_self = actor;
-    static_cast<void>(unfinished.release());
-    return actor;
-}
-
-void CClientConnection::Enter(CActor* actor, int actorId, std::string const& typeName)
+void CClientConnection::Enter(std::shared_ptr<CActor> const& actor, int actorId, std::string const& typeName)
 {
     std::size_t known = 0;
     void const* current = nullptr;
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const lock = LockTable();
         known = m_knownActors.size();
         current = m_knownActors[actorId];
     }
@@ -300,7 +468,7 @@ void CClientConnection::Enter(CActor* actor, int actorId, std::string const& typ
                      "actor id=%d, knownActors=%zu, knownActors[actorId]=%p, lastActorId=%d, typeName=%s", actorId,
                      known, current, lastActorId.load(), typeName.c_str());
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const lock = LockTable();
         CActor*& entry = m_knownActors[actorId];
         if (entry != nullptr)
         {
@@ -309,10 +477,11 @@ void CClientConnection::Enter(CActor* actor, int actorId, std::string const& typ
                              "actor id= %d(%d), typeName=%s(%s). Actor id should not repeat for client connection!",
                              entry->GetId(), actorId, entry->GetTypeName().c_str(), typeName.c_str());
         }
-        entry = actor;
+        entry = actor.get();
+        actor->m_self = actor;
     }
     logInconsistency(Info, CREATE, "actor id=%d(%d), typeName=%s(%s), knownActors[actorId]=%p, ", actor->GetId(),
-                     actorId, actor->GetTypeName().c_str(), typeName.c_str(), static_cast<void const*>(actor));
+                     actorId, actor->GetTypeName().c_str(), typeName.c_str(), static_cast<void const*>(actor.get()));
 }
 
 void CClientConnection::DestroyActor(CActor* actor, bool deleteObject)
@@ -328,22 +497,26 @@ void CClientConnection::DestroyActor(CActor* actor, bool deleteObject)
         logFatal() << "Shouldn't try to destroy nullptr actor";
         std::abort();
     }
+    std::shared_ptr<CActor> claimed;
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const lock = LockTable();
         if (!m_claimed.insert(actor).second)
         {
             return;
         }
+        claimed = Hold(*actor);
     }
-    DestroyClaimed(actor, deleteObject);
+    DestroyClaimed(std::move(claimed), deleteObject);
 }
 
-void CClientConnection::DestroyClaimed(CActor* actor, bool deleteObject)
+void CClientConnection::DestroyClaimed(std::shared_ptr<CActor> actor, bool deleteObject)
 {
+    CActor* const address = actor.get();
     int const actorId = actor->GetId();
     std::string const typeName = actor->GetTypeName();
     logDebug() << "CClientConnection::dtor actorId=" << actorId << " deleteObject=" << deleteObject;
     auto const type = FindActorType(typeName);
+    NameRunningType(typeName);
     logInconsistency(Error, DESTROY, "CClientConnection::dtor actor= %d, typeName=%s", actorId, typeName.c_str());
     logDebug() << "CClientConnection::dtor CleanCallbacks...";
     actor->CleanCallbacks();
@@ -358,14 +531,13 @@ void CClientConnection::DestroyClaimed(CActor* actor, bool deleteObject)
         CCancellationWindow const window;
     }
     logDebug() << "CClientConnection::dtor deleting actor...";
-    std::shared_ptr<CActor> last;
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
-        last = std::move(actor->m_self);
+        auto const lock = LockTable();
+        std::shared_ptr<CActor> const ownHold = std::move(actor->m_self);
     }
-    last.reset();
+    actor.reset();
     logDebug() << "CClientConnection::dtor erasing actor from knownActors...";
-    std::size_t const remaining = Erase(actorId, actor);
+    std::size_t const remaining = Erase(actorId, address);
     logDebug() << "CClientConnection::dtor of " << actorId << " done, " << remaining << " actors remaining";
     if (remaining == 1)
     {
@@ -375,7 +547,7 @@ void CClientConnection::DestroyClaimed(CActor* actor, bool deleteObject)
 
 std::size_t CClientConnection::Erase(int actorId, CActor* actor)
 {
-    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const lock = LockTable();
     m_knownActors.erase(actorId);
     m_claimed.erase(actor);
     m_leaving.erase(actorId);
@@ -397,7 +569,7 @@ void CClientConnection::DestroyActors(bool deleteObject)
 {
     CCancellationGuard const guard;
     logDebug() << "CClientConnection::DestroyActors(" << deleteObject << ")";
-    std::vector<CActor*> doomed;
+    std::vector<std::shared_ptr<CActor>> doomed;
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         for (auto entry = m_knownActors.begin(); entry != m_knownActors.end();)
@@ -411,7 +583,7 @@ void CClientConnection::DestroyActors(bool deleteObject)
             }
             if (entry->first != protocol::OWN_ACTOR_ID && m_claimed.insert(actor).second)
             {
-                doomed.push_back(actor);
+                doomed.push_back(Hold(*actor));
             }
             ++entry;
         }
@@ -419,9 +591,9 @@ void CClientConnection::DestroyActors(bool deleteObject)
 
     // Unlocked: each erases itself from the map under this mutex, and an application's destructor may send a
     // callback, which comes back here.
-    for (CActor* const actor : doomed)
+    for (auto& actor : doomed)
     {
-        DestroyClaimed(actor, deleteObject);
+        DestroyClaimed(std::move(actor), deleteObject);
     }
     logDebug() << "CClientConnection::DestroyActors done";
 }
@@ -449,11 +621,17 @@ bool CClientConnection::SendCallback(int actorId, std::string const& name, types
     CCancellationGuard const guard;
     logDebug() << "CRpcHost::SendCallback actorId = " << actorId << ", name = " << name
                << ", msg = " << types::toString(list);
+    if (CCancellationRequest::IsOwnCutOff())
+    {
+        logError() << "CClientConnection::SendCallback dropped, the sending thread was cut off";
+        return false;
+    }
     types::CValueList callback = list;
     callback[protocol::ACTOR_ID] = types::makeValue<int>(actorId);
     callback[protocol::METHOD_NAME] = types::makeValue<std::string>(name);
-    bool const sent = m_host.SendCallback(callback, m_connectionId);
-    if (!sent)
+    auto const core = m_core; // beyond a host that ends while the port does not come back
+    bool const sent = core->SendCallback(callback, m_connectionId);
+    if (!sent && !CCancellationRequest::IsOwnCutOff())
     {
         logError() << "CClientConnection::SendCallback client disappeared, unregistering actor";
         PostRemoval(actorId);
@@ -469,24 +647,26 @@ void CClientConnection::PostRemoval(int actorId)
     }
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
-        if (m_shutDown || m_isClientGone || !m_leaving.insert(actorId).second)
+        bool const isLate = m_shutDown || m_isClientGone || CCancellationRequest::IsOwnCutOff();
+        if (isLate || !m_leaving.insert(actorId).second)
         {
             return;
         }
     }
     // Not here: the actor's object may be the caller, and would be destroyed under its own feet.
-    std::string const name = "remove[" + std::to_string(actorId) + "]";
-    std::lock_guard<std::mutex> const lock(m_postMutex);
+    std::string const name = std::string(REMOVE) + "[" + std::to_string(actorId) + "]";
+    std::unique_lock<std::mutex> lock(m_postMutex, std::defer_lock);
+    if (!m_thread.IsCurrentThread()) // the worker does not stop itself while it is here, and must not keep the lock
+    {
+        lock.lock();
+    }
     m_thread.Post([this, actorId] { RemoveLostActor(actorId); }, name);
 
     // Watched as calls are: an object that hangs while it is destroyed would keep the host from ending.
-    m_host.GetThreadWatchdog().Ping(
-        &m_thread,
-        [this] {
-            LoseActors();
-            m_killSender.Send();
-        },
-        name);
+    Ping(name, [this] {
+        LoseActors();
+        m_killSender.Send();
+    });
 }
 
 void CClientConnection::OnClientGone()
@@ -496,13 +676,17 @@ void CClientConnection::OnClientGone()
     std::string const name = "gone[" + std::to_string(m_connectionId) + "]";
     std::lock_guard<std::mutex> const lock(m_postMutex);
     m_thread.Post([this] { RemoveOrphans(); }, name);
-    m_host.GetThreadWatchdog().Ping(
-        &m_thread, [this] { LoseActors(); }, name);
+    Ping(name, [this] { LoseActors(); });
 }
 
 void CClientConnection::RemoveOrphans()
 {
     CCancellationGuard const guard;
+    std::optional<CRunning> running;
+    if (m_core->IsReportingHangs())
+    {
+        running.emplace(*this, "", REMOVE);
+    }
     DestroyActors(true);
     if (m_thread.IsStarted())
     {
@@ -513,23 +697,28 @@ void CClientConnection::RemoveOrphans()
 void CClientConnection::RemoveLostActor(int actorId)
 {
     CCancellationGuard const guard;
-    CActor* actor = nullptr;
+    std::optional<CRunning> running;
+    if (m_core->IsReportingHangs())
+    {
+        running.emplace(*this, "", REMOVE);
+    }
+    std::shared_ptr<CActor> actor;
     bool isLast = false;
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const lock = LockTable();
         auto const entry = m_knownActors.find(actorId);
         bool const isThere = entry != m_knownActors.end() && entry->second != nullptr;
 
         // Once the id has left, what is under it now is another actor, made since the removal was posted.
         if (m_leaving.erase(actorId) != 0 && isThere && m_claimed.insert(entry->second).second)
         {
-            actor = entry->second;
+            actor = Hold(*entry->second);
         }
         isLast = m_knownActors.size() == 1;
     }
     if (actor != nullptr)
     {
-        DestroyClaimed(actor, true);
+        DestroyClaimed(std::move(actor), true);
     }
     else if (isLast)
     {

@@ -6,6 +6,7 @@
 #include <nelo_rpc/Refusal.h>
 #include <nelo_rpc/Values.h>
 
+#include "CHostCore.h"
 #include "SystemLog.h"
 
 #include <algorithm>
@@ -82,7 +83,7 @@ struct CClientConnection::SRequest
 
 bool CClientConnection::IsRefusedAsTooMany(CRpcPort::ReplyFunction const& reply)
 {
-    if (m_unanswered == nullptr || *m_unanswered < m_host.GetOptions().maxQueuedCalls)
+    if (m_unanswered == nullptr || *m_unanswered < m_core->GetOptions().maxQueuedCalls)
     {
         m_isRefusing = false;
         return false;
@@ -94,20 +95,20 @@ bool CClientConnection::IsRefusedAsTooMany(CRpcPort::ReplyFunction const& reply)
         return true;
     }
     m_isRefusing = true;
-    m_host.Refuse(m_connectionId, refusal, reply);
+    m_core->Refuse(m_connectionId, refusal, reply);
     return true;
 }
 
 bool CClientConnection::IsChecked() const
 {
-    SHostOptions const& options = m_host.GetOptions();
+    SHostOptions const& options = m_core->GetOptions();
     return options.peers == EPeers::Untrusted || options.maxActors > 0 || options.authorize;
 }
 
 void CClientConnection::CarryOutChecked(types::CValueList const& call, CRpcPort::ReplyFunction const& reply)
 {
     SRequest const request(call);
-    if (m_host.GetOptions().peers == EPeers::Trusted)
+    if (m_core->GetOptions().peers == EPeers::Trusted)
     {
         CarryOutUnlessRefused(request, reply);
         return;
@@ -137,7 +138,7 @@ void CClientConnection::CarryOutUnlessRefused(SRequest const& request, CRpcPort:
     }
     if (!objection.empty())
     {
-        m_host.Refuse(m_connectionId, objection, reply);
+        m_core->Refuse(m_connectionId, objection, reply);
         return;
     }
     reply(actor->CallFunction(request.function, request.call));
@@ -145,14 +146,14 @@ void CClientConnection::CarryOutUnlessRefused(SRequest const& request, CRpcPort:
 
 std::shared_ptr<CActor> CClientConnection::FindActor(int actorId)
 {
-    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const lock = LockTable();
     auto const entry = m_knownActors.find(actorId);
     return entry == m_knownActors.end() || entry->second == nullptr ? nullptr : Hold(*entry->second);
 }
 
 std::shared_ptr<CActor> CClientConnection::FindOrRecreateFor(SRequest const& request, types::CValueList& objection)
 {
-    if (m_host.GetOptions().peers == EPeers::Trusted)
+    if (m_core->GetOptions().peers == EPeers::Trusted)
     {
         return FindOrRecreateActor(request.actorId, request.typeName);
     }
@@ -169,7 +170,7 @@ std::shared_ptr<CActor> CClientConnection::FindOrRecreateFor(SRequest const& req
 
 types::CValueList CClientConnection::ObjectionTo(SRequest const& request)
 {
-    bool const isUntrusted = m_host.GetOptions().peers == EPeers::Untrusted;
+    bool const isUntrusted = m_core->GetOptions().peers == EPeers::Untrusted;
     auto actor = FindActor(request.actorId);
     types::CValueList objection = isUntrusted ? ObjectionToTarget(request, actor.get()) : types::CValueList();
     if (actor == nullptr && request.typeName == TYPENAME)
@@ -230,21 +231,20 @@ types::CValueList CClientConnection::ObjectionToOwnFunction(SRequest const& requ
 
 types::CValueList CClientConnection::ObjectionToType(std::string const& typeName)
 {
-    return m_host.FindActorType(typeName) == nullptr
-               ? refusal::make(refusal::INVALID_ARGS, "unknown type " + shown(typeName))
-               : types::CValueList();
+    return LookUpType(typeName) == nullptr ? refusal::make(refusal::INVALID_ARGS, "unknown type " + shown(typeName))
+                                           : types::CValueList();
 }
 
 types::CValueList CClientConnection::ObjectionToNumber(SRequest const& request, CActor const* actor)
 {
-    std::size_t const limit = static_cast<std::size_t>(m_host.GetOptions().maxActors);
+    std::size_t const limit = static_cast<std::size_t>(m_core->GetOptions().maxActors);
     bool const isCtor = actor == m_ownActor && request.function == protocol::CTOR;
     bool const isMaking = isCtor ? types::unpackAt<std::string>(request.call, 0) != TYPENAME : actor == nullptr;
     if (limit == 0 || !isMaking)
     {
         return {};
     }
-    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const lock = LockTable();
     std::size_t const others = m_knownActors.size() - 1;
     return others < limit ? types::CValueList()
                           : refusal::make(refusal::LIMITS_EXCEEDED, "the client has as many actors as it may have");
@@ -252,7 +252,7 @@ types::CValueList CClientConnection::ObjectionToNumber(SRequest const& request, 
 
 types::CValueList CClientConnection::ObjectionToPeer(SRequest const& request, CActor const* actor)
 {
-    auto const authorize = m_host.GetOptions().authorize; // a copy, as a killed worker may be inside when the host ends
+    auto const& authorize = m_core->GetOptions().authorize;
     if (!authorize)
     {
         return {};
@@ -296,15 +296,15 @@ std::string CClientConnection::FindTypeOfTarget(SRequest const& request, CActor 
 std::shared_ptr<SPeer const> CClientConnection::FindPeer()
 {
     {
-        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const lock = LockTable();
         if (m_peer != nullptr)
         {
             return m_peer;
         }
     }
-    auto const found = m_host.FindPeer(m_connectionId); // unlocked: asks the bus
+    auto const found = m_core->FindPeer(m_connectionId); // unlocked: asks the bus
     auto peer = found ? std::make_shared<SPeer const>(*found) : nullptr;
-    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const lock = LockTable();
     m_peer = peer;
     return peer;
 }
@@ -312,7 +312,7 @@ std::shared_ptr<SPeer const> CClientConnection::FindPeer()
 int CClientConnection::TakeActorId()
 {
     int actorId = ++lastActorId; // which may be the lowest number, after the highest
-    while (m_host.GetOptions().peers == EPeers::Untrusted && (actorId <= 0 || FindActor(actorId) != nullptr))
+    while (m_core->GetOptions().peers == EPeers::Untrusted && (actorId <= 0 || FindActor(actorId) != nullptr))
     {
         // A call for a lost actor may have taken the id, and the actor that has it must not be left behind. And a
         // client that has patience can use up all ids: after the last one the first ones come again.

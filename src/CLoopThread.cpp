@@ -3,10 +3,9 @@
 #include <nelo_rpc/Cancellation.h>
 
 #include "SystemLog.h"
+#include "ThreadInterrupt.h"
 
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -30,16 +29,17 @@ constexpr int STOP = 1;
 /// How long a kill waits for the victim to unwind. One that is inside the library gets there soon.
 constexpr int KILL_WAIT_SECONDS = 2;
 
+/// The same for a victim that must get to a cancellation point. It stands at one already, or it may take for ever.
+constexpr int CANCELLATION_POINT_WAIT_SECONDS = 1;
+
+/// How long a worker that is cut off may take to be told so. It need not know.
+constexpr std::chrono::milliseconds INTERRUPT_LIMIT{200};
+
 /// The loop whose worker the calling thread is.
 thread_local CLoopThread const* ownLoop = nullptr;
 
 /// The start that made the calling thread.
 thread_local void const* ownGeneration = nullptr;
-
-int threadId()
-{
-    return static_cast<int>(::syscall(SYS_gettid));
-}
 
 int joinWithin(pthread_t thread, int seconds)
 {
@@ -61,10 +61,31 @@ struct CLoopThread::Message
 
 struct CLoopThread::SGeneration
 {
-    explicit SGeneration(std::uint64_t n) : number(n) {}
+    SGeneration(std::uint64_t n, SWorkerOptions const& options)
+        : number(n),
+          cancellation(std::make_shared<CCancellationRequest>(options.kill)),
+          cutOffs(options.cutOffs),
+          owner(options.owner.lock())
+    {
+    }
+
+    // Both are called by the worker alone. False if it was cut off: it must not touch the loop, which may be gone.
+    bool EnterLoop();
+    void LeaveLoop();
+
+    /// Called by the worker, whatever way it ends.
+    void End();
+
+    /// Called by a kill that has given up waiting. False if the worker is inside the loop.
+    bool CutOff();
 
     std::uint64_t const number;
-    std::shared_ptr<CCancellationRequest> const cancellation = std::make_shared<CCancellationRequest>();
+    std::shared_ptr<CCancellationRequest> const cancellation;
+    std::shared_ptr<CCutOffCount> const cutOffs;
+    std::atomic<int> threadId{0};
+
+    // Let go of by the worker, at the latest when it ends.
+    std::shared_ptr<void> owner;
 
     // Guarded by the loop's mutex.
     std::thread thread; // of a retired generation; the current one's is m_thread
@@ -76,14 +97,93 @@ struct CLoopThread::SGeneration
     // while it unwinds.
     std::unique_ptr<Message> current;
 
-    // Decides between a worker that comes back from an item and a kill that gave up waiting for it: a worker that is
-    // cut off must not touch the loop, which may be gone by then.
-    std::mutex mutex;
-    bool inItem = false;
-    bool cutOff = false;
+private:
+    // Decides between a worker that comes back to the loop and a kill that gave up waiting for it.
+    std::mutex m_mutex;
+    bool m_isInLoop = false;
+    bool m_hasEnded = false;
 };
 
-CLoopThread::CLoopThread() : m_id(0), m_started(false), m_startWanted(false), m_lastGeneration(0) {}
+bool CLoopThread::SGeneration::EnterLoop()
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_isInLoop = !cancellation->IsCutOff();
+    return m_isInLoop;
+}
+
+void CLoopThread::SGeneration::LeaveLoop()
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_isInLoop = false;
+}
+
+void CLoopThread::SGeneration::End()
+{
+    bool wasCutOff = false;
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        m_hasEnded = true;
+        wasCutOff = cancellation->IsCutOff();
+    }
+    if (wasCutOff && cutOffs != nullptr)
+    {
+        cutOffs->Remove();
+    }
+    if (wasCutOff && cancellation->GetKill() == EKill::AtCancellationPoint)
+    {
+        logInfo() << "CLoopThread::Thread with id=" << threadId << " was cut off and has ended";
+    }
+}
+
+bool CLoopThread::SGeneration::CutOff()
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    if (m_isInLoop)
+    {
+        return false;
+    }
+    if (!m_hasEnded)
+    {
+        cancellation->CutOff();
+        if (cutOffs != nullptr)
+        {
+            cutOffs->Add();
+        }
+    }
+    return true;
+}
+
+CCutOffCount::CCutOffCount(std::shared_ptr<CCutOffCount> total) : m_total(std::move(total)) {}
+
+void CCutOffCount::Add()
+{
+    ++m_count;
+    if (m_total != nullptr)
+    {
+        m_total->Add();
+    }
+}
+
+void CCutOffCount::Remove()
+{
+    --m_count;
+    if (m_total != nullptr)
+    {
+        m_total->Remove();
+    }
+}
+
+int CCutOffCount::Get() const
+{
+    return m_count;
+}
+
+int CCutOffCount::GetTotal() const
+{
+    return m_total != nullptr ? m_total->GetTotal() : Get();
+}
+
+CLoopThread::CLoopThread() : m_id(0), m_started(false), m_startWanted(false), m_lastGeneration(0), m_closed(false) {}
 
 CLoopThread::~CLoopThread()
 {
@@ -101,7 +201,7 @@ void CLoopThread::Start()
 
 void CLoopThread::StartLocked()
 {
-    if (m_started)
+    if (m_started || m_closed)
     {
         return;
     }
@@ -110,7 +210,7 @@ void CLoopThread::StartLocked()
         m_startWanted = true;
         return;
     }
-    auto generation = std::make_shared<SGeneration>(++m_lastGeneration);
+    auto generation = std::make_shared<SGeneration>(++m_lastGeneration, m_workerOptions);
     m_thread = std::thread(&CLoopThread::Thread, this, generation);
     m_current = std::move(generation);
     m_started = true;
@@ -126,7 +226,10 @@ void CLoopThread::Post(std::function<void()> fn, std::string const& name)
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         StartLocked(); // again, for a thread that was stopped meanwhile
-        m_queue.push_back(std::move(message));
+        if (!m_closed)
+        {
+            m_queue.push_back(std::move(message));
+        }
         m_cond.notify_all();
     }
     logDebug() << "CLoopThread::Post to thread " << id << " done";
@@ -155,45 +258,78 @@ void CLoopThread::Thread(CLoopThread* loop, std::shared_ptr<SGeneration> const& 
     CCancellationWindow::MakeWorker(generation->cancellation);
     ownLoop = loop;
     ownGeneration = generation.get();
+    struct SEnd
+    {
+        SGeneration& generation;
+        ~SEnd() { generation.End(); }
+    } const end{*generation};
 
-    int const id = threadId();
+    int const id = interrupt::OwnThread();
+    generation->threadId = id;
     logDebug() << "CLoopThread::Thread starting thread with id=" << id;
-    loop->m_id = id;
-    if (!loop->Run(*generation))
+    if (!generation->EnterLoop())
     {
         return; // cut off: the loop may be gone
     }
+    loop->m_id = id;
+    loop->WaitForEarlier(*generation);
+    do
+    {
+        if (!generation->EnterLoop())
+        {
+            return;
+        }
+    } while (loop->TakeNext(*generation) && RunItem(*generation));
+
     logDebug() << "CLoopThread::Thread with id=" << id << " finishes";
-    loop->Leave(*generation);
+    if (generation->EnterLoop())
+    {
+        generation->owner.reset(); // which nobody destroys before this worker has left
+        loop->Leave(*generation);
+    }
 }
 
-bool CLoopThread::Run(SGeneration& generation)
+void CLoopThread::WaitForEarlier(SGeneration& generation)
 {
+    // A worker that stopped itself may still be running what was queued before its stop.
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_cond.wait(lock, [&] { return generation.killed || !HasEarlier(generation); });
+    LetOut(generation);
+}
+
+void CLoopThread::LetOut(SGeneration& generation)
+{
+    // Under the loop's lock, so that a kill finds a worker either inside the loop or outside.
+    generation.LeaveLoop();
+    if (generation.killed)
     {
-        // A worker that stopped itself may still be running what was queued before its stop.
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_cond.wait(lock, [&] { return generation.killed || !HasEarlier(generation); });
+        m_cond.notify_all();
     }
-    while (TakeNext(generation))
+}
+
+bool CLoopThread::RunItem(SGeneration& generation)
+{
+    Message const& message = *generation.current;
+    switch (message.type)
     {
-        switch (generation.current->type)
+    case RUNNABLE:
+        logDebug() << "CLoopThread::Thread running message " << message.name;
         {
-        case RUNNABLE:
-            if (!RunCurrent(generation))
-            {
-                return false;
-            }
-            break;
-        case STOP:
-            logDebug() << "CLoopThread::Thread stopping";
-            generation.current.reset();
-            return true;
-        default:
-            logFatal() << "CLoopThread::Thread unknown message type";
-            std::abort();
+            CCancellationWindow const window;
+            message.function();
         }
+        logDebug() << "CLoopThread::Thread running message " << message.name << " done";
+        break;
+    case STOP:
+        logDebug() << "CLoopThread::Thread stopping";
+        break;
+    default:
+        logFatal() << "CLoopThread::Thread unknown message type";
+        std::abort();
     }
-    return true;
+    bool const goesOn = message.type == RUNNABLE;
+    generation.current.reset();
+    return goesOn;
 }
 
 bool CLoopThread::HasEarlier(SGeneration const& generation) const
@@ -218,31 +354,10 @@ bool CLoopThread::TakeNext(SGeneration& generation)
         {
             continue; // meant for an earlier start, which has ended without it
         }
-        if (generation.current->type == RUNNABLE)
-        {
-            // Under the loop's lock, so that a kill finds a worker either marked as busy or leaving.
-            std::lock_guard<std::mutex> const itemLock(generation.mutex);
-            generation.inItem = true;
-        }
-        return true;
+        break;
     }
-    return false;
-}
-
-bool CLoopThread::RunCurrent(SGeneration& generation)
-{
-    Message const& message = *generation.current;
-    logDebug() << "CLoopThread::Thread running message " << message.name;
-    {
-        CCancellationWindow const window;
-        message.function();
-    }
-    logDebug() << "CLoopThread::Thread running message " << message.name << " done";
-    generation.current.reset();
-
-    std::lock_guard<std::mutex> const lock(generation.mutex);
-    generation.inItem = false;
-    return !generation.cutOff;
+    LetOut(generation);
+    return !generation.killed;
 }
 
 void CLoopThread::Leave(SGeneration& generation)
@@ -275,7 +390,7 @@ void CLoopThread::StopAndJoin()
     }
 
     int const id = GetId();
-    logDebug() << "CLoopThread::StopAndJoin thread " << id << " from current thread " << threadId();
+    logDebug() << "CLoopThread::StopAndJoin thread " << id << " from current thread " << interrupt::OwnThread();
     if (IsCurrentThread())
     {
         Retire();
@@ -411,7 +526,8 @@ void CLoopThread::KillWorker(std::thread& victim, SGeneration& generation)
     }
     if (joined != 0)
     {
-        joined = joinWithin(handle, KILL_WAIT_SECONDS);
+        bool const isAnywhere = generation.cancellation->GetKill() == EKill::Anywhere;
+        joined = joinWithin(handle, isAnywhere ? KILL_WAIT_SECONDS : CANCELLATION_POINT_WAIT_SECONDS);
     }
     if (joined == 0)
     {
@@ -426,16 +542,40 @@ void CLoopThread::KillWorker(std::thread& victim, SGeneration& generation)
 void CLoopThread::CutOff(SGeneration& generation)
 {
     {
-        std::lock_guard<std::mutex> const lock(generation.mutex);
-        if (generation.inItem)
-        {
-            generation.cutOff = true;
-            return;
-        }
+        // Inside the loop it needs nobody's help to get out.
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cond.wait(lock, [&] { return generation.left || generation.CutOff(); });
     }
-    // Between items it needs nobody's help to leave.
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_cond.wait(lock, [&] { return generation.left; });
+    auto const& cancellation = generation.cancellation;
+    if (cancellation->GetKill() == EKill::AtCancellationPoint && cancellation->IsCutOff())
+    {
+        interrupt::Run(
+            generation.threadId, [](void* request) { static_cast<CCancellationRequest*>(request)->Disarm(); },
+            cancellation, INTERRUPT_LIMIT);
+        logError() << "CLoopThread::Kill thread " << generation.threadId
+                   << " reached no cancellation point and is cut off, such threads that have not ended: "
+                   << (generation.cutOffs != nullptr ? generation.cutOffs->GetTotal() : 1);
+    }
+}
+
+void CLoopThread::SetWorkerOptions(SWorkerOptions options)
+{
+    CCancellationGuard const guard;
+    if (options.kill == EKill::AtCancellationPoint)
+    {
+        interrupt::Prepare();
+    }
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_workerOptions = std::move(options);
+}
+
+void CLoopThread::Close()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    std::deque<std::unique_ptr<Message>> dropped; // destroyed unlocked
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_closed = true;
+    m_queue.swap(dropped);
 }
 
 CLoopThread::CStartHold::CStartHold(CLoopThread& thread) : m_thread(thread)

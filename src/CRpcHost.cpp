@@ -4,10 +4,10 @@
 #include <nelo_rpc/Refusal.h>
 
 #include "Address.h"
+#include "CHostCore.h"
 #include "SystemLog.h"
 
 #include <cstdlib>
-#include <tuple>
 
 namespace nelo_rpc
 {
@@ -16,15 +16,19 @@ SHostOptions SHostOptions::Recommended()
 {
     SHostOptions options;
     options.peers = EPeers::Untrusted;
+    options.kill = EKill::AtCancellationPoint;
     options.orphans = EOrphans::Destroy;
-    options.maxQueuedCalls = 64;
+    options.maxQueuedCalls = 128;
     options.maxActors = 1000;
+    options.reportHangs = true;
     return options;
 }
 
 CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
                    std::function<void(CRpcHost& host)> const& registerTypes)
-    : m_port(port), m_watchdog(options.hangLimitMs, options.hangCheckMs), m_options(options)
+    : m_port(port),
+      m_watchdog(options.hangLimitMs, options.hangCheckMs),
+      m_core(std::make_shared<CHostCore>(port, options))
 {
     if (registerTypes)
     {
@@ -36,7 +40,7 @@ CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
             OnFunctionCall(call, connectionId, std::move(reply));
         });
     m_watchdog.Start();
-    if (m_options.orphans == EOrphans::Destroy)
+    if (options.orphans == EOrphans::Destroy)
     {
         WatchClients();
     }
@@ -47,7 +51,7 @@ CRpcHost::~CRpcHost()
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     logDebug() << "CRpcHost::~CRpcHost";
     m_port.SetFunctionCallListener({});
-    if (m_options.orphans == EOrphans::Destroy)
+    if (GetOptions().orphans == EOrphans::Destroy)
     {
         m_port.WatchPeers({});
     }
@@ -56,6 +60,19 @@ CRpcHost::~CRpcHost()
         connection.Shutdown();
     }
     m_watchdog.StopAndJoin();
+    m_watchdog.Forget();
+    for (auto& [connectionId, connection] : m_connections)
+    {
+        connection.Close();
+    }
+    m_core->End();
+    for (auto& [connectionId, node] : m_leftBehind)
+    {
+        if (m_connections.at(connectionId).HasCutOffWorkers())
+        {
+            *node = m_connections.extract(connectionId);
+        }
+    }
 }
 
 void CRpcHost::WatchClients()
@@ -96,7 +113,7 @@ std::shared_ptr<SActorType const> CRpcHost::FindActorType(std::string const& typ
 void CRpcHost::OnFunctionCall(types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply)
 {
     logDebug() << "CRpcHost::CRpcHost OnFunctionCall with msg=" << types::toString(call);
-    if (m_options.peers == EPeers::Untrusted)
+    if (GetOptions().peers == EPeers::Untrusted)
     {
         if (char const* const why = protocol::whyNotAddressed(call, true))
         {
@@ -104,27 +121,45 @@ void CRpcHost::OnFunctionCall(types::CValueList const& call, int connectionId, C
             return;
         }
     }
-    GetOrCreateClientConnection(connectionId).OnFunctionCall(call, std::move(reply));
+    CClientConnection& connection = GetOrCreateClientConnection(connectionId);
+    if (IsRefused(connection))
+    {
+        logError() << "CRpcHost::OnFunctionCall refused a call of connectionId=" << connectionId
+                   << ", too many threads are cut off";
+        reply(refusal::make(refusal::LIMITS_EXCEEDED, "calls of this client hang, and too many do"));
+        return;
+    }
+    connection.OnFunctionCall(call, std::move(reply));
+}
+
+bool CRpcHost::IsRefused(CClientConnection const& connection) const
+{
+    SHostOptions const& options = m_core->GetOptions();
+    return options.kill == EKill::AtCancellationPoint && options.maxCutOff > 0 && connection.HasCutOffWorkers() &&
+           m_core->GetCutOffs()->Get() >= options.maxCutOff;
 }
 
 CClientConnection& CRpcHost::GetOrCreateClientConnection(int connectionId)
 {
-    auto connection = m_connections.find(connectionId);
-    if (connection == m_connections.end())
+    auto const known = m_connections.find(connectionId);
+    if (known != m_connections.end())
     {
-        connection = m_connections
-                         .emplace(std::piecewise_construct, std::forward_as_tuple(connectionId),
-                                  std::forward_as_tuple(*this, connectionId))
-                         .first;
+        return known->second;
     }
-    return connection->second;
+    auto& connection = m_connections
+                           .emplace(std::piecewise_construct, std::forward_as_tuple(connectionId),
+                                    std::forward_as_tuple(*this, connectionId))
+                           .first->second;
+    auto const node = std::make_shared<ConnectionNode>();
+    m_leftBehind[connectionId] = node;
+    connection.ShareWithWorkers(node);
+    return connection;
 }
 
 bool CRpcHost::SendCallback(types::CValueList const& list, int connectionId)
 {
     CCancellationGuard const guard;
-    logDebug() << "CRpcHost::CRpcHost SendCallback with msg=" << types::toString(list);
-    return m_port.SendCallback(list, connectionId);
+    return m_core->SendCallback(list, connectionId);
 }
 
 CThreadWatchdog& CRpcHost::GetThreadWatchdog()
@@ -134,23 +169,19 @@ CThreadWatchdog& CRpcHost::GetThreadWatchdog()
 
 SHostOptions const& CRpcHost::GetOptions() const
 {
-    return m_options;
+    return m_core->GetOptions();
 }
 
 std::optional<SPeer> CRpcHost::FindPeer(int connectionId)
 {
     CCancellationGuard const guard;
-    auto const credentials = m_port.GetPeerCredentials(connectionId);
-    return credentials ? std::make_optional(SPeer{*credentials, m_port.GetPeerName(connectionId), connectionId})
-                       : std::nullopt;
+    return m_core->FindPeer(connectionId);
 }
 
 void CRpcHost::Refuse(int connectionId, types::CValueList const& refusal, CRpcPort::ReplyFunction const& reply)
 {
     CCancellationGuard const guard;
-    logError() << "CRpcHost refused a call from " << m_port.GetPeerName(connectionId)
-               << " in connectionId=" << connectionId << ": " << refusal::find(refusal)->GetCause();
-    reply(refusal);
+    m_core->Refuse(connectionId, refusal, reply);
 }
 
 void CRpcHost::FailOnMissingFactory()

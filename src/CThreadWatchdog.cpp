@@ -27,13 +27,19 @@ CThreadWatchdog::~CThreadWatchdog()
 
 void CThreadWatchdog::Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name)
 {
+    Ping(thread, std::move(onKill), name, {});
+}
+
+void CThreadWatchdog::Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name,
+                           std::function<void()> beforeKill)
+{
     CCancellationGuard const guard;
     logDebug() << "CThreadWatchdog::Ping thread " << thread->GetId() << ": " << name;
     unsigned int id = 0;
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         id = ++m_lastPingId;
-        m_pings[id] = SPing{thread, m_timeoutMs, std::move(onKill)};
+        m_pings[id] = SPing{thread, m_timeoutMs, std::move(onKill), std::move(beforeKill)};
     }
     thread->Post(std::bind(&CThreadWatchdog::Pong, this, id, name), "ping(" + name + ")");
 }
@@ -108,10 +114,22 @@ void CThreadWatchdog::KillAll(std::vector<SPing> const& victims)
     }
     for (SPing const& victim : victims)
     {
+        if (victim.beforeKill)
+        {
+            victim.beforeKill();
+        }
         logError() << "CThreadWatchdog::Tick Killing thread " << victim.thread->GetId();
         victim.thread->Kill();
         victim.onKill();
     }
+}
+
+void CThreadWatchdog::Forget()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    std::map<unsigned int, SPing> forgotten; // destroyed unlocked, as in Pong()
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_pings.swap(forgotten);
 }
 
 void CThreadWatchdog::PostTick()

@@ -4,6 +4,7 @@
 #include <sched.h>
 
 #include <atomic>
+#include <csignal>
 #include <exception>
 #include <utility>
 
@@ -18,6 +19,9 @@ thread_local CCancellationRequest const* ownRequest = nullptr;
 
 /// Whether a guard left the calling thread deferred that was asynchronous.
 thread_local bool isAsynchronyOwed = false;
+
+/// Whether the calling thread is in application code and would be open to cancellation, had it not been disarmed.
+thread_local std::sig_atomic_t volatile isDisarmed = 0;
 
 /// Made before the application's first thread_local of the thread, and so destroyed after its last.
 struct SRequestKeeper
@@ -41,7 +45,25 @@ void disable(int& oldState, int& oldType)
     }
 }
 
+/// Whether the calling thread is a worker that is cancelled at cancellation points only.
+bool isDeferredWorker()
+{
+    return ownRequest != nullptr && ownRequest->GetKill() == EKill::AtCancellationPoint;
+}
+
+/// Makes a thread that was disarmed one that can be cancelled again.
+void rearm()
+{
+    if (isDisarmed != 0)
+    {
+        isDisarmed = 0;
+        ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    }
+}
+
 } // namespace
+
+CCancellationRequest::CCancellationRequest(EKill kill) : m_kill(kill) {}
 
 void CCancellationRequest::Send(pthread_t worker)
 {
@@ -67,6 +89,59 @@ void CCancellationRequest::Settle() const
     ::sched_yield();
 }
 
+EKill CCancellationRequest::GetKill() const
+{
+    return m_kill;
+}
+
+void CCancellationRequest::CutOff()
+{
+    m_isCutOff = true;
+}
+
+bool CCancellationRequest::IsCutOff() const
+{
+    return m_isCutOff;
+}
+
+void CCancellationRequest::Disarm() const
+{
+    if (ownRequest != this)
+    {
+        return;
+    }
+    int oldState = 0;
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
+    if (oldState == PTHREAD_CANCEL_ENABLE)
+    {
+        isDisarmed = 1;
+    }
+}
+
+std::shared_ptr<CCancellationRequest const> CCancellationRequest::Own()
+{
+    return ownRequest == nullptr ? nullptr : requestKeeper.request;
+}
+
+bool CCancellationRequest::IsOwnAwaited()
+{
+    return ownRequest != nullptr && ownRequest->m_state != EState::Sent;
+}
+
+bool CCancellationRequest::IsOwnCutOff()
+{
+    return ownRequest != nullptr && ownRequest->IsCutOff();
+}
+
+void CCancellationRequest::EndIfCutOff()
+{
+    if (IsOwnCutOff())
+    {
+        ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+        ::pthread_testcancel();
+    }
+}
+
 CCancellationGuard::CCancellationGuard(EOnLeave onLeave)
     : m_onLeave(onLeave),
       m_exceptions(std::uncaught_exceptions()),
@@ -74,6 +149,11 @@ CCancellationGuard::CCancellationGuard(EOnLeave onLeave)
       m_oldType(PTHREAD_CANCEL_DEFERRED)
 {
     disable(m_oldState, m_oldType);
+    if (isDisarmed != 0)
+    {
+        isDisarmed = 0;
+        m_oldState = PTHREAD_CANCEL_ENABLE;
+    }
 }
 
 CCancellationGuard::~CCancellationGuard() noexcept(false)
@@ -81,8 +161,14 @@ CCancellationGuard::~CCancellationGuard() noexcept(false)
     bool const wasEnabled = m_oldState == PTHREAD_CANCEL_ENABLE;
     bool const unwinding = std::uncaught_exceptions() > m_exceptions;
     bool const wasAsynchronous = m_oldType == PTHREAD_CANCEL_ASYNCHRONOUS || (wasEnabled && isAsynchronyOwed);
+    bool const mustNotAct = m_onLeave == EOnLeave::Defer || unwinding;
+    if (wasEnabled && mustNotAct && isDeferredWorker() && ownRequest->IsCutOff())
+    {
+        isDisarmed = 1; // as long as whoever called may stand in a destructor
+        return;
+    }
     ::pthread_setcancelstate(m_oldState, nullptr);
-    if (wasEnabled && (m_onLeave == EOnLeave::Defer || unwinding))
+    if (wasEnabled && mustNotAct)
     {
         // An asynchronous cancellation that is pending would unwind the thread from here, through a destructor or out
         // of an unwinding that is under way, and either ends the process.
@@ -93,6 +179,10 @@ CCancellationGuard::~CCancellationGuard() noexcept(false)
         isAsynchronyOwed = false;
         ::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
     }
+    else if (wasEnabled && isDeferredWorker())
+    {
+        ::pthread_testcancel();
+    }
 }
 
 CCancellationWindow::CCancellationWindow()
@@ -101,7 +191,12 @@ CCancellationWindow::CCancellationWindow()
       m_oldType(PTHREAD_CANCEL_DEFERRED),
       m_wasAsynchronyOwed(isAsynchronyOwed)
 {
-    if (ownRequest != nullptr)
+    if (isDeferredWorker())
+    {
+        ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &m_oldState);
+        ::pthread_testcancel(); // nothing of the application's is begun for a call that is over
+    }
+    else if (ownRequest != nullptr)
     {
         // Asynchronous, because the code to be stopped is the application's and may never reach a
         // cancellation point. The price: a lock that it holds stays held.
@@ -117,8 +212,10 @@ CCancellationWindow::~CCancellationWindow() noexcept(false)
     {
         if (std::uncaught_exceptions() == m_exceptions)
         {
+            rearm();
             ::pthread_testcancel(); // for what the application code left deferred
         }
+        isDisarmed = 0;
         int state = 0;
         int type = 0;
         disable(state, type);

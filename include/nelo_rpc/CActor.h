@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -19,6 +20,11 @@ namespace nelo_rpc
 {
 
 class CClientConnection;
+
+namespace internal_callbacksender
+{
+NELO_RPC_API std::shared_ptr<CActor> ActorHold(CActor* actor);
+}
 
 /// The server's side of one actor: an application object with its callable functions and its callbacks.
 ///
@@ -104,8 +110,11 @@ public:
 
 private:
     friend class CClientConnection; // which makes it share ownership of itself
+    friend std::shared_ptr<CActor> internal_callbacksender::ActorHold(CActor* actor);
 
     void Insert(std::string const& name, ValueListFunction function, ArgumentCheck check);
+    ICallback* TakeCallback();
+    void Abandon();
 
     CCallbackSender<> m_recreateSender;
     CClientConnection& m_connection;
@@ -121,6 +130,12 @@ private:
     std::shared_ptr<CActor> m_self;
 
     std::map<std::string, ArgumentCheck> m_argumentChecks; // of the typed functions
+    // The same, from before its setup to its end; for sends, so that one that is cut off is not waited for.
+    std::weak_ptr<CActor> m_weakSelf;
+
+    // Guards the callbacks: the handler of a kill removes them while a worker that is cut off may still add some.
+    std::mutex m_callbacksMutex;
+    bool m_isAbandoned = false;
 };
 
 } // namespace nelo_rpc

@@ -6,12 +6,15 @@
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Export.h>
+#include <nelo_rpc/HangReport.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -19,6 +22,7 @@
 namespace nelo_rpc
 {
 
+class CHostCore;
 class CRpcHost;
 struct SActorType;
 struct SPeer;
@@ -79,10 +83,34 @@ public:
     /// Calls that are queued are not carried out any more. Does not wait. Runs on the port's receiver thread.
     /// Since 0.1.
     void OnClientGone();
+    /// For the host: lets the workers keep alive what holds this object, so that one that is cut off may end after the
+    /// host.
+    void ShareWithWorkers(std::weak_ptr<void> keeper);
+
+    /// For the host, after Shutdown() and the watchdog's end: answers what was never carried out, with an empty list.
+    void Close();
+
+    /// Whether workers were cut off and have not ended. Any thread.
+    bool HasCutOffWorkers() const;
 
 private:
     struct SCall;
+    class CUnfinished;
+    class CRunning;
 
+    /// What the worker is doing, for a report.
+    struct SRunning
+    {
+        std::string actorType;
+        std::string function;
+        int thread;
+        std::chrono::steady_clock::time_point since;
+    };
+
+    void Ping(std::string const& name, std::function<void()> onKill);
+    void ReportHang();
+    void NameRunningType(std::string const& typeName);
+    std::unique_lock<std::mutex> LockTable();
     void LoseActors();
     void ForgetClaimed();
     std::shared_ptr<CActor> FindOrRecreateActor(int actorId, std::string const& typeName);
@@ -90,11 +118,11 @@ private:
                                      std::function<bool(CActor const& actor)> const& isWanted);
     std::shared_ptr<CActor> Create(int actorId, std::string const& typeName,
                                    std::function<bool(CActor const& actor)> const& isWanted = {});
+    std::shared_ptr<SActorType const> LookUpType(std::string const& typeName);
     std::shared_ptr<SActorType const> FindActorType(std::string const& typeName);
-    std::shared_ptr<CActor> MakeActor(SActorType const& type, void* object, int actorId, std::string const& typeName);
     std::shared_ptr<CActor> Hold(CActor& actor) const;
-    void Enter(CActor* actor, int actorId, std::string const& typeName);
-    void DestroyClaimed(CActor* actor, bool deleteObject);
+    void Enter(std::shared_ptr<CActor> const& actor, int actorId, std::string const& typeName);
+    void DestroyClaimed(std::shared_ptr<CActor> actor, bool deleteObject);
     std::size_t Erase(int actorId, CActor* actor);
     void StopWorker();
     void PostRemoval(int actorId);
@@ -143,7 +171,14 @@ private:
     std::shared_ptr<std::atomic<int>> const m_unanswered; // calls, which may outlive the connection; null: not counted
     bool m_isRefusing;                                    // only for the receiver thread
     std::atomic<bool> m_isClientGone{false};
-    std::shared_ptr<SPeer const> m_peer; // once it was asked for; guarded by m_mutex
+
+    std::shared_ptr<CHostCore> const m_core;       // for a worker that may be cut off: beyond the host's end
+    std::shared_ptr<CCutOffCount> const m_cutOffs; // of this connection
+
+    // Guarded by m_mutex too.
+    std::shared_ptr<SPeer const> m_peer;  // once it was asked for
+    std::shared_ptr<CActor> m_unfinished; // being set up
+    std::optional<SRunning> m_running;    // only if hangs are reported
 };
 
 } // namespace nelo_rpc

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
 
 #include <atomic>
@@ -15,6 +16,40 @@
 
 namespace nelo_rpc
 {
+
+/// Counts threads that were cut off and have not ended since. Any thread. Since 0.1.
+class NELO_RPC_API CCutOffCount
+{
+public:
+    /// @param total  counts the same threads too, together with those of others; may be null.
+    explicit CCutOffCount(std::shared_ptr<CCutOffCount> total = {});
+    CCutOffCount(CCutOffCount const&) = delete;
+    CCutOffCount& operator=(CCutOffCount const&) = delete;
+
+    void Add();
+    void Remove();
+    int Get() const;
+
+    /// The number of the total, if there is one.
+    int GetTotal() const;
+
+private:
+    std::shared_ptr<CCutOffCount> const m_total;
+    std::atomic<int> m_count{0};
+};
+
+/// How the workers of a loop thread are made. Since 0.1.
+struct NELO_RPC_API SWorkerOptions
+{
+    EKill kill = EKill::Anywhere;
+
+    /// Kept alive by every worker until it has left the loop, or, one that is cut off, until it has ended. Usually the
+    /// owner of the loop thread.
+    std::weak_ptr<void> owner;
+
+    /// Counts the workers that were cut off; may be null.
+    std::shared_ptr<CCutOffCount> cutOffs;
+};
 
 /// A worker thread with a queue of named work items, run one after another in posting order.
 ///
@@ -55,7 +90,11 @@ public:
     /// the items posted so far. Items that are posted later wait for the next start.
     void StopAndJoin();
 
-    /// Cancels a worker that is stuck, wherever its item is, and waits up to two seconds for its end.
+    /// Cancels a worker that is stuck, wherever its item is, and waits up to two seconds for its end; with
+    /// EKill::AtCancellationPoint, at its next cancellation point, and up to one second.
+    ///
+    /// One that has not ended by then is cut off: it never touches this object again, which may be destroyed
+    /// meanwhile. With EKill::AtCancellationPoint that leaves an error line.
     ///
     /// Items that are still queued stay there and run when the thread is started again. The function that was
     /// running never goes on: locks that it holds stay held and memory that it owns may be lost.
@@ -84,6 +123,13 @@ protected:
     /// @return whether it is being stopped: the items that follow are those that were posted before.
     bool WaitForStop(int milliseconds);
 
+public:
+    /// For workers that are started later. Not while the thread is started.
+    void SetWorkerOptions(SWorkerOptions options);
+
+    /// Destroys the items that are still queued, unrun, and drops every later one: nothing is started any more.
+    void Close();
+
 private:
     struct Message;
 
@@ -91,10 +137,11 @@ private:
     struct SGeneration;
 
     static void Thread(CLoopThread* loop, std::shared_ptr<SGeneration> const& generation);
-    bool Run(SGeneration& generation);
+    static bool RunItem(SGeneration& generation);
+    void WaitForEarlier(SGeneration& generation);
+    void LetOut(SGeneration& generation);
     bool HasEarlier(SGeneration const& generation) const;
     bool TakeNext(SGeneration& generation);
-    bool RunCurrent(SGeneration& generation);
     void Leave(SGeneration& generation);
     void StartLocked();
     void PushStop();
@@ -119,6 +166,8 @@ private:
     std::vector<std::thread::id> m_holders;              // a thread that holds twice is in here twice
     bool m_startWanted;
     std::uint64_t m_lastGeneration;
+    SWorkerOptions m_workerOptions;
+    bool m_closed;
 };
 
 } // namespace nelo_rpc

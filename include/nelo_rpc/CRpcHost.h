@@ -7,6 +7,7 @@
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
+#include <nelo_rpc/HangReport.h>
 
 #include <functional>
 #include <map>
@@ -19,6 +20,7 @@
 namespace nelo_rpc
 {
 
+class CHostCore;
 /// A client as the bus vouches for it: nothing of this is what the client says. Since 0.1.
 struct SPeer : SPeerCredentials
 {
@@ -29,13 +31,6 @@ struct SPeer : SPeerCredentials
 /// What an application may choose for a host. Since 0.1.
 struct NELO_RPC_API SHostOptions
 {
-    /// How long a worker thread may leave a call unanswered, in milliseconds.
-    int hangLimitMs = 20000;
-
-    /// How often that is checked, in milliseconds; a hung worker is killed at the first check at which the checks
-    /// since its call add up to the limit.
-    int hangCheckMs = 5000;
-
     /// Untrusted: no call ends the process, whatever a peer puts into it. Each is looked at before anything is done
     /// about it; one that makes no sense is refused with an error reply and an error line. So is one for a function
     /// that the actor does not have, and one that a std::exception of the application ends.
@@ -44,11 +39,25 @@ struct NELO_RPC_API SHostOptions
     /// message that is none of the protocol is the port's affair: see SPortOptions::peers.
     EPeers peers = EPeers::Trusted;
 
+    /// How a hung worker is killed. AtCancellationPoint: where POSIX allows it, and where it calls the library. A
+    /// worker that gets to no such point within a second is cut off: the client sees what it sees after any kill, the
+    /// worker is left to itself, and a new one takes its place. What it uses of the library lives until it has ended,
+    /// which it does as soon as its function returns, or calls the library; its result and its callbacks are dropped.
+    /// An error line says so, and an info line when it has ended.
+    EKill kill = EKill::Anywhere;
+
     /// Destroy: when a client leaves the bus, its actors are destroyed with their objects, and its worker thread ends.
     /// A call that is being carried out is done before, or killed if it hangs; those that wait behind it are not
     /// carried out any more. The host uses the port's WatchPeers() for this, and an error line says so if the port
     /// cannot tell who leaves. When the bus itself is lost, nobody leaves it.
     EOrphans orphans = EOrphans::Keep;
+
+    /// How long a worker thread may leave a call unanswered, in milliseconds.
+    int hangLimitMs = 20000;
+
+    /// How often that is checked, in milliseconds; a hung worker is killed at the first check at which the checks
+    /// since its call add up to the limit.
+    int hangCheckMs = 5000;
 
     /// How many calls of one client may be without an answer, the one that is being carried out included. A further
     /// one is refused at once with an error reply, and the first of several in a row with an error line. 0: no limit.
@@ -73,8 +82,21 @@ struct NELO_RPC_API SHostOptions
     /// exception is met as one of the function would be.
     std::function<bool(SPeer const& peer, std::string const& typeName, std::string const& functionName)> authorize;
 
-    /// What a new application should use: untrusted peers, orphans destroyed, at most 64 calls of a client waiting and
-    /// 1000 actors for it.
+    /// With AtCancellationPoint: while so many workers of the host are cut off and have not ended, calls of each
+    /// client that one of them is of are refused at once, with an error line. 0: no limit.
+    int maxCutOff = 16;
+
+    /// Whether error lines tell, before each kill, whose worker is killed, in which function, for how long it has
+    /// been there, and its stack. To read the stack it is interrupted by the signal SIGURG. Each client's credentials
+    /// are asked for before its first call.
+    bool reportHangs = false;
+
+    /// Gets the same, and turns `reportHangs` on. Runs on the watchdog's thread, right before the kill, which waits for
+    /// it. What it throws ends the process.
+    std::function<void(SHangReport const& report)> onHang;
+
+    /// What a new application should use: untrusted peers, kills at cancellation points, reports of them, orphans
+    /// destroyed, at most 128 calls of a client waiting (as many as the bus lets it wait for) and 1000 actors for it.
     static SHostOptions Recommended();
 };
 
@@ -169,15 +191,23 @@ private:
 
     [[noreturn]] static void FailOnMissingFactory();
 
+    friend class CClientConnection; // which shares the core
+
     void WatchClients();
     void OnClientGone(int connectionId);
+    bool IsRefused(CClientConnection const& connection) const;
 
     CRpcPort& m_port;
     std::recursive_mutex m_mutex; // guards the registry
     std::map<int, CClientConnection> m_connections;
     std::map<std::string, std::shared_ptr<SActorType const>> m_actorTypes;
     CThreadWatchdog m_watchdog;
-    SHostOptions const m_options;
+
+    std::shared_ptr<CHostCore> const m_core; // what connections use beyond the host's end
+
+    // Shared with the workers of each connection. What has been put in when the host ends, its worker takes along.
+    using ConnectionNode = std::map<int, CClientConnection>::node_type;
+    std::map<int, std::shared_ptr<ConnectionNode>> m_leftBehind;
 };
 
 } // namespace nelo_rpc

@@ -44,12 +44,21 @@ public:
     /// The periodic check; only the watchdog's own thread runs it. Its pause ends when the watchdog is stopped.
     void Tick();
 
+    /// As above, and calls `beforeKill` on the watchdog's thread right before each kill that the ping leads to. It may
+    /// be empty.
+    void Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name,
+              std::function<void()> beforeKill);
+
+    /// Forgets all pings that are open; their handlers are not called.
+    void Forget();
+
 private:
     struct SPing
     {
         CLoopThread* thread; // not owned
         int remainingMs;
         std::function<void()> onKill;
+        std::function<void()> beforeKill; // may be empty
     };
 
     std::vector<SPing> TakeExpired();

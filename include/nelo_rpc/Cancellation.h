@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nelo_rpc/Choices.h>
 #include <nelo_rpc/Export.h>
 
 #include <pthread.h>
@@ -13,13 +14,17 @@
 /// of the log or of the allocator would take the whole server with it, so cancellation is enabled only while
 /// application code runs: a window opens around each call of it, and a guard closes it again around every library
 /// function that application code calls in turn.
+///
+/// A worker that cannot be cancelled is cut off: nobody waits for it, and it must touch nothing that others use. It
+/// ends when it next comes back to the library.
 namespace nelo_rpc
 {
 
 /// Keeps the calling thread from being cancelled while it is inside the library.
 ///
 /// Declare it before anything else in a function, so that everything else is destroyed before the thread may be
-/// cancelled. A cancellation that came meanwhile acts when the guard ends. Since 0.1.
+/// cancelled. A cancellation that came meanwhile acts when the guard ends: to a worker that is cancelled at
+/// cancellation points, functions of the library are such points. Since 0.1.
 class NELO_RPC_API CCancellationGuard
 {
 public:
@@ -47,7 +52,7 @@ private:
 class NELO_RPC_API CCancellationRequest
 {
 public:
-    CCancellationRequest() = default;
+    explicit CCancellationRequest(EKill kill = EKill::Anywhere);
     CCancellationRequest(CCancellationRequest const&) = delete;
     CCancellationRequest& operator=(CCancellationRequest const&) = delete;
 
@@ -58,6 +63,30 @@ public:
     /// longer act.
     void Settle() const;
 
+    /// Where the worker may be cancelled while application code runs.
+    EKill GetKill() const;
+
+    /// Marks a worker that was cancelled and has not ended: nobody waits for it any more.
+    void CutOff();
+    bool IsCutOff() const;
+
+    /// Keeps the calling thread, if it is the worker, from being cancelled where application code stands: that may
+    /// be in a destructor by now. It ends when that code next calls or returns to the library. Runs in a signal
+    /// handler.
+    void Disarm() const;
+
+    /// The request for the calling thread; null on threads that are no workers.
+    static std::shared_ptr<CCancellationRequest const> Own();
+
+    /// Whether the calling thread is a worker that has not been cancelled. Fit for a signal handler.
+    static bool IsOwnAwaited();
+
+    /// Whether the calling thread is a worker that was cut off.
+    static bool IsOwnCutOff();
+
+    /// Ends the calling thread if it is a worker that was cut off, by unwinding it: not for destructors.
+    static void EndIfCutOff();
+
 private:
     enum class EState
     {
@@ -66,7 +95,9 @@ private:
         Sent
     };
 
+    EKill const m_kill;
     std::atomic<EState> m_state{EState::None};
+    std::atomic<bool> m_isCutOff{false};
 };
 
 /// Lets the calling worker thread be cancelled while application code runs; does nothing on other threads. Since 0.1.

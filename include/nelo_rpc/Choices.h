@@ -18,4 +18,11 @@ enum class EOrphans
     Destroy ///< they are destroyed
 };
 
+/// How a worker thread that hangs is killed. Since 0.1.
+enum class EKill
+{
+    Anywhere,           ///< at whatever instruction it stands: locks that it holds stay held, what it owns is lost
+    AtCancellationPoint ///< where POSIX allows it; one that gets to no such point is cut off: left alone, and replaced
+};
+
 } // namespace nelo_rpc

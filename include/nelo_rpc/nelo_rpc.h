@@ -29,6 +29,7 @@
 #include <nelo_rpc/CCallbackSender.h>
 #include <nelo_rpc/CClientConnection.h>
 #include <nelo_rpc/CRpcHost.h>
+#include <nelo_rpc/HangReport.h>
 #include <nelo_rpc/ICallback.h>
 
 // Client.

@@ -252,6 +252,7 @@ CDbusPort::~CDbusPort()
         m_io->closing = true;
         m_io->Kick();
     }
+    m_io->senders->WaitForOthers();
     if (m_reciverThread.joinable())
     {
         m_reciverThread.join();
@@ -486,6 +487,8 @@ void CDbusPort::HandleFunctionCall(types::CValueList const& list, int connection
         {
             return;
         }
+        internal_guarded::CRun run;
+        run.Enter(m_io->senders);
         dbus::MessagePointer const call(message);
         {
             std::lock_guard<std::mutex> const lock(m_io->mutex);
@@ -663,6 +666,8 @@ void CDbusPort::DropUndelivered() const
 bool CDbusPort::SendCallback(types::CValueList const& callback, int connectionId)
 {
     CCancellationGuard const guard;
+    internal_guarded::CRun run;
+    run.Enter(m_io->senders);
     RequireAsynchronous();
     std::string const destination = GetOrInsertName(connectionId);
     logDebug() << "CDbusPort::SendMessage from " << m_name << " to " << destination;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nelo_rpc/CValueList.h>
+#include <nelo_rpc/GuardedFunction.h>
 #include <nelo_rpc/dbusport/CDbusPort.h>
 
 #include <dbus/dbus.h>
@@ -8,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <set>
 
@@ -63,6 +65,10 @@ public:
     std::atomic<bool> constructed{false};
     std::atomic<bool> closing{false};
     std::atomic<bool> filtering{false}; // the port's filter is installed
+
+    /// Threads that send what a host's workers and objects give them. One of them may be a worker that its host has
+    /// cut off and left behind, so the port's end waits for them.
+    std::shared_ptr<internal_guarded::CRunners> const senders = std::make_shared<internal_guarded::CRunners>();
 
     std::mutex mutex;
     std::condition_variable changed; // the reader, a reply that is waited for, or the queue

@@ -161,6 +161,8 @@ std::string CDbusPort::GetPeerName(int connectionId) const
 std::optional<SPeerCredentials> CDbusPort::GetPeerCredentials(int connectionId)
 {
     CCancellationGuard const guard;
+    internal_guarded::CRun run;
+    run.Enter(m_io->senders);
     std::string const name = GetPeerName(connectionId);
     auto const findKept = [&]() -> std::optional<SPeerCredentials> {
         std::lock_guard<std::mutex> const lock(m_watch->mutex);

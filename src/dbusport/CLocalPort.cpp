@@ -645,7 +645,8 @@ types::CValueList CLocalPort::CallFunction(types::CValueList const& call, int co
 bool CLocalPort::SendCallback(types::CValueList const& callback, int connectionId)
 {
     CCancellationGuard const guard;
-    return m_impl->SendCallback(callback, connectionId);
+    auto const impl = m_impl;
+    return impl->SendCallback(callback, connectionId);
 }
 
 bool CLocalPort::IsConnected(int connectionId) const
@@ -664,7 +665,8 @@ void CLocalPort::SetTimeoutMs(int timeoutMs)
 std::optional<SPeerCredentials> CLocalPort::GetPeerCredentials(int connectionId)
 {
     CCancellationGuard const guard;
-    return m_impl->GetPeerCredentials(connectionId);
+    auto const impl = m_impl;
+    return impl->GetPeerCredentials(connectionId);
 }
 
 std::string CLocalPort::GetPeerName(int connectionId) const

@@ -267,3 +267,32 @@ TEST_F(CDbusPortCallback, ReachesAnotherPortsListener)
     EXPECT_TRUE(received.WaitForCount(1));
     EXPECT_EQ(std::vector<int>{5}, received.All());
 }
+
+TEST_F(CDbusPortCallback, IsWaitedForByThePortsEnd)
+{
+    // Its sender may be a worker that its host has cut off and left behind.
+    auto port = std::make_unique<CDbusPort>(CPrivateBus::UniqueName().c_str(), true);
+    ASSERT_EQ(0, port->AddConnection(m_peer.GetUniqueName()));
+    CGate stalled;
+    CGate release;
+    nelo_rpc::log::SetSink([&](ELevel, std::string const& line) {
+        if (line.find("CDbusPort::SendMessage from") != std::string::npos)
+        {
+            stalled.Open();
+            release.Wait();
+        }
+    });
+    auto const sent = std::async(std::launch::async, [&] { return port->SendCallback(listOf(1), 0); });
+    ASSERT_TRUE(stalled.Wait());
+    CGate destroyed;
+    std::thread owner([&] {
+        port.reset();
+        destroyed.Open();
+    });
+
+    EXPECT_TRUE(destroyed.StaysShut(milliseconds(500))) << "longer than a receiver takes to end";
+    release.Open();
+    EXPECT_TRUE(destroyed.Wait());
+    owner.join();
+    installStderrSink();
+}

@@ -8,6 +8,7 @@
 ///           block <number>    calls CountAndBlock the same way
 ///           late <number>     calls BlockAndCount the same way
 ///           hang              calls Hang the same way
+///           sleep             calls HangIn("sleep") the same way
 ///           hold              from now on a callback's handler says "in handler" and stays there
 ///           loop              calls Add(1) on a thread until the end; says "looping" after the first answer
 ///           destroy           destroys the probe: "destroyed"
@@ -136,6 +137,10 @@ int main(int argc, char** argv)
         else if (command == "hang")
         {
             sayResult(probe->Hang.TryCall());
+        }
+        else if (command == "sleep")
+        {
+            sayResult(probe->HangIn.TryCall("sleep"));
         }
         else if (command == "hold")
         {

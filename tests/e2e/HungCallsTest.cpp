@@ -1,5 +1,7 @@
 #include "E2eTest.h"
 
+#include <functional>
+
 namespace
 {
 
@@ -11,7 +13,94 @@ protected:
     CTestClient m_client{m_name};
 };
 
+/// A server that kills at cancellation points.
+class HungObjects : public CE2eTest
+{
+protected:
+    /// What a client sees of a kill, whatever hung: an empty reply that came with the kill, OnKill, and then a new actor
+    /// that answers.
+    void ExpectAKill(std::function<nelo_rpc::types::CValueList()> const& call)
+    {
+        CProbeProxy probe(m_client.Get());
+        CGate recreated;
+        CGate killed;
+        probe.OnRecreate.Subscribe([&] { recreated.Open(); });
+        nelo_rpc::CProxyCallback<> onKill(*m_client.Get().GetConnectionProxy(), "OnKill");
+        onKill.Subscribe([&] { killed.Open(); });
+        EXPECT_EQ(5, probe.Add(5));
+        auto const start = steady_clock::now();
+
+        EXPECT_TRUE(call().empty());
+
+        EXPECT_LT(since(start), seconds(15));
+        EXPECT_TRUE(killed.Wait());
+        EXPECT_FALSE(recreated.IsOpen());
+        EXPECT_EQ(1, probe.Add(1));
+        EXPECT_TRUE(recreated.Wait());
+        EXPECT_EQ(3, probe.Add(2));
+        onKill.Subscribe([] {});
+        probe.UnsetCallbacks();
+    }
+
+    nelo_rpc::types::CValueList CallConnection(char const* function, nelo_rpc::types::CValueList const& arguments)
+    {
+        return m_client.Get().CallFunction("CClientConnection", 0, function, arguments);
+    }
+
+    CServerProcess m_serverProcess{m_name, {"600", "200", "0", "point"}};
+    CTestClient m_client{m_name};
+};
+
+/// The same, for each place that a function can hang in.
+class HungFunctions : public HungObjects, public ::testing::WithParamInterface<char const*>
+{
+};
+
+nelo_rpc::types::CValueList listOf(std::shared_ptr<nelo_rpc::types::CValue> value)
+{
+    nelo_rpc::types::CValueList list;
+    list[0] = std::move(value);
+    return list;
+}
+
 } // namespace
+
+TEST_F(HungObjects, AreGivenUpInTheirConstruction)
+{
+    ExpectAKill(
+        [&] { return CallConnection("ctor", listOf(nelo_rpc::types::packValue<std::string>("HangIn:create"))); });
+    EXPECT_EQ(0, m_serverProcess.Stop());
+}
+
+TEST_F(HungObjects, AreGivenUpInTheSetupOfTheirActor)
+{
+    ExpectAKill(
+        [&] { return CallConnection("ctor", listOf(nelo_rpc::types::packValue<std::string>("HangIn:setup"))); });
+    EXPECT_EQ(0, m_serverProcess.Stop());
+}
+
+TEST_F(HungObjects, AreGivenUpInTheirDestruction)
+{
+    auto const made = CallConnection("ctor", listOf(nelo_rpc::types::packValue<std::string>("HangIn:destroy")));
+    int const id = nelo_rpc::types::unpackAt<int>(made, 0);
+    ExpectAKill([&] { return CallConnection("dtor", listOf(nelo_rpc::types::packValue<int>(id))); });
+    EXPECT_EQ(0, m_serverProcess.Stop());
+}
+
+TEST_P(HungFunctions, EndAndTheServerEndsInGoodOrder)
+{
+    CProbeProxy hanging(m_client.Get());
+    ExpectAKill(
+        [&] { return hanging.RemoteCall("HangIn", listOf(nelo_rpc::types::packValue<std::string>(GetParam()))); });
+    hanging.Add(1); // or there is nothing to destroy
+
+    EXPECT_EQ(0, m_serverProcess.Stop());
+}
+
+INSTANTIATE_TEST_SUITE_P(In, HungFunctions,
+                         ::testing::Values("sleep", "condition", "mutex", "read", "allocation", "computation", "send",
+                                           "log"),
+                         [](auto const& place) { return std::string(place.param); });
 
 TEST_F(HungCalls, EndWithoutAResult)
 {

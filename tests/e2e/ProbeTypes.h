@@ -63,6 +63,9 @@ public:
     nelo_rpc::CProxyFunction<int()> Spin{*this, "Spin"};
     nelo_rpc::CProxyFunction<int()> Flood{*this, "Flood"};
 
+    /// Never returns: hangs in "sleep", "condition", "mutex", "read", "allocation", "computation", "send" or "log".
+    nelo_rpc::CProxyFunction<int(std::string const&)> HangIn{*this, "HangIn"};
+
     /// Sends OnEverything with one value of each type.
     nelo_rpc::CProxyFunction<void(int, unsigned int, bool, float, double, std::string, char const*, EColour, Bytes)>
         SendEverything{*this, "SendEverything"};

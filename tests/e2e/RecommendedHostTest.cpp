@@ -105,7 +105,7 @@ TEST_F(RecommendedHost, KillsTheHungCallOfAClientThatIsGoneAndItsWorkerEnds)
     std::size_t const threads = CountThreads();
     CClientProcess victim(m_name);
     victim.MakeProbe();
-    victim->WriteLine("hang");
+    victim->WriteLine("sleep");
     ASSERT_TRUE(m_serverProcess->WaitForLine("hanging"));
     EXPECT_EQ(threads + 1, CountThreads());
     victim->Kill();

@@ -3,8 +3,8 @@
 ///
 /// usage: ServerProgram <bus name> [<hang limit in ms> <check period in ms> [<pause before the host in ms>]] [<choice>]
 ///
-/// choice:   "recommended": all that is recommended for a host; "own": the same, for clients of the server's user only.
-///           Without one the host's choices are the defaults.
+/// choice:   "recommended": all that is recommended for a host; "own": the same, for clients of the server's user only;
+///           "point": kills at cancellation points. Without one the host's choices are the defaults.
 ///
 /// says:     "ready", "made <type>", "destroyed", "blocked" (a function waits for "release"), "hanging"
 /// is told:  fire <text>   every probe sends OnEvent        stream / still   sends them without a pause
@@ -16,11 +16,14 @@
 #include "ProbeTypes.h"
 #include "ProgramSupport.h"
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <memory>
 #include <set>
@@ -81,6 +84,19 @@ public:
         spinForEver();
     }
 
+    /// From now on whatever this thread writes to the log stalls, until somebody installs another sink.
+    static void StallOwnLines()
+    {
+        static std::atomic<long> thread{0};
+        thread = ::syscall(SYS_gettid);
+        nelo_rpc::log::SetSink([](nelo_rpc::log::ELevel, std::string const&) {
+            if (::syscall(SYS_gettid) == thread)
+            {
+                ::sleep(60);
+            }
+        });
+    }
+
     int Flood()
     {
         say("hanging");
@@ -88,6 +104,56 @@ public:
         {
             OnCount.Send(0);
         }
+    }
+
+    int HangIn(std::string const& where)
+    {
+        say("hanging");
+        if (where == "sleep")
+        {
+            ::sleep(60);
+        }
+        else if (where == "condition")
+        {
+            std::mutex mutex;
+            std::condition_variable never;
+            std::unique_lock<std::mutex> lock(mutex);
+            never.wait(lock, [] { return false; });
+        }
+        else if (where == "mutex")
+        {
+            static std::mutex& held = *new std::mutex;
+            std::thread([] { held.lock(); }).join();
+            held.lock();
+        }
+        else if (where == "read")
+        {
+            int ends[2];
+            char byte = 0;
+            return ::pipe(ends) == 0 ? static_cast<int>(::read(ends[0], &byte, 1)) : 0;
+        }
+        else if (where == "allocation")
+        {
+            for (;;)
+            {
+                void* volatile const block = std::malloc(100);
+                std::free(block);
+            }
+        }
+        else if (where == "computation")
+        {
+            spinForEver();
+        }
+        else if (where == "send")
+        {
+            Flood();
+        }
+        else if (where == "log")
+        {
+            StallOwnLines();
+            OnCount.Send(0);
+        }
+        return 0;
     }
 
     void SendEverything(int i, unsigned int u, bool b, float f, double d, std::string const& s, char const* c,
@@ -185,6 +251,7 @@ void setUpProbe(nelo_rpc::CActor& actor, CProbe& probe)
     actor.AddFunction("Hang", probe, &CProbe::Hang);
     actor.AddFunction("Spin", probe, &CProbe::Spin);
     actor.AddFunction("Flood", probe, &CProbe::Flood);
+    actor.AddFunction("HangIn", probe, &CProbe::HangIn);
     actor.AddFunction("SendEverything", probe, &CProbe::SendEverything);
     actor.AddCallback("OnCount", probe.OnCount);
     actor.AddCallback("OnEvent", probe.OnEvent);
@@ -192,8 +259,32 @@ void setUpProbe(nelo_rpc::CActor& actor, CProbe& probe)
     say("made " + actor.GetTypeName());
 }
 
+/// A type whose objects hang where the name says.
+void registerHangingType(nelo_rpc::CRpcHost& host, std::string const& where)
+{
+    auto const hangIf = [](bool hangs) {
+        if (hangs)
+        {
+            say("hanging");
+            spinForEver();
+        }
+    };
+    nelo_rpc::SActorType type;
+    type.create = [=]() -> void* {
+        hangIf(where == "create");
+        return nullptr;
+    };
+    type.setup = [=](nelo_rpc::CActor&) { hangIf(where == "setup"); };
+    type.destroy = [=](void*) { hangIf(where == "destroy"); };
+    host.RegisterActorType("HangIn:" + where, type);
+}
+
 void registerTypes(nelo_rpc::CRpcHost& host)
 {
+    for (char const* const where : {"create", "setup", "destroy"})
+    {
+        registerHangingType(host, where);
+    }
     host.RegisterActorType<CProbe>(PROBE, &setUpProbe);
     host.RegisterActorType<CProbe>(SLOW_PROBE, &setUpProbe, [] {
         door().Wait();
@@ -245,6 +336,12 @@ nelo_rpc::SHostOptions optionsFor(std::string const& choice)
     {
         return {};
     }
+    if (choice == "point")
+    {
+        nelo_rpc::SHostOptions options;
+        options.kill = nelo_rpc::EKill::AtCancellationPoint;
+        return options;
+    }
     nelo_rpc::SHostOptions options = nelo_rpc::SHostOptions::Recommended();
     if (choice == "own")
     {
@@ -264,7 +361,7 @@ int main(int argc, char** argv)
         return 2;
     }
     std::string choice = argv[argc - 1];
-    if (choice == "recommended" || choice == "own")
+    if (choice == "recommended" || choice == "own" || choice == "point")
     {
         --argc;
     }

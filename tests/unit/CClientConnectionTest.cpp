@@ -1246,7 +1246,7 @@ TEST(CClientConnection, AWorkerThatIsKilledInsideTheLibraryDiesOnlyWhenItLeavesI
 
     auto const reply = server.Call(4, id, "Run");
     EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
-    EXPECT_TRUE(portReturned);
+    EXPECT_TRUE(eventually([&] { return portReturned.load(); }));
 
     // Nothing that the library or the port needs was left locked.
     server.run = {};
@@ -1354,7 +1354,10 @@ TEST(CClientConnection, AHungDestructorOfAnObjectIsGivenUpAndTheConnectionServes
     release.Open();
     EXPECT_TRUE(eventually([&] { return ::access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) != 0; }));
     EXPECT_EQ(1, reply->Count());
-    EXPECT_EQ(0U, log.Lines().size());
+    for (auto const& line : log.Texts())
+    {
+        EXPECT_NE(std::string::npos, line.find("::~")) << line; // of what it kept, and nothing else
+    }
 }
 
 TEST(CClientConnection, AHungRemovalOfALostActorIsGivenUpAndTheHostCanBeDestroyed)

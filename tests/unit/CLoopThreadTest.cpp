@@ -1,6 +1,7 @@
 #include "CGate.h"
 #include "CHang.h"
 #include "CLogCapture.h"
+#include "CSpin.h"
 #include "CancelState.h"
 #include "Eventually.h"
 #include "ExpectAbort.h"
@@ -1143,6 +1144,103 @@ TEST(CLoopThread, AHoldThatNobodyAskedAStartOfStartsNothing)
     }
     EXPECT_FALSE(thread.IsStarted());
     EXPECT_EQ(0, log.Count("starting thread"));
+}
+
+// Killing at cancellation points
+
+namespace
+{
+SWorkerOptions atCancellationPoint()
+{
+    SWorkerOptions options;
+    options.kill = EKill::AtCancellationPoint;
+    return options;
+}
+} // namespace
+
+TEST(CLoopThread, AnItemThatIsKilledAtCancellationPointsRunsWithDeferredCancellation)
+{
+    CLoopThread thread;
+    thread.SetWorkerOptions(atCancellationPoint());
+    SCancelState inItem;
+    SCancelState afterCall;
+
+    thread.Post(
+        [&] {
+            inItem = cancelState();
+            thread.IsStarted();
+            afterCall = cancelState();
+        },
+        "item");
+    thread.StopAndJoin();
+
+    EXPECT_EQ(PTHREAD_CANCEL_ENABLE, inItem.state);
+    EXPECT_EQ(PTHREAD_CANCEL_DEFERRED, inItem.type);
+    EXPECT_EQ(PTHREAD_CANCEL_ENABLE, afterCall.state);
+    EXPECT_EQ(PTHREAD_CANCEL_DEFERRED, afterCall.type);
+}
+
+TEST(CLoopThread, AWorkerThatIsCutOffNeverTouchesTheLoopThatMayBeGone)
+{
+    CSpin spin;
+    auto const cutOffs = std::make_shared<CCutOffCount>();
+    std::atomic<bool> ranNext{false};
+    {
+        CLoopThread thread;
+        SWorkerOptions options = atCancellationPoint();
+        options.cutOffs = cutOffs;
+        thread.SetWorkerOptions(options);
+        thread.Post([&] { spin.Enter(); }, "spinning");
+        thread.Post([&] { ranNext = true; }, "next");
+        ASSERT_TRUE(spin.WaitUntilEntered());
+
+        thread.Kill();
+
+        EXPECT_FALSE(thread.IsStarted());
+        EXPECT_EQ(1, cutOffs->Get());
+    }
+    EXPECT_TRUE(spin.End());
+    EXPECT_TRUE(eventually([&] { return cutOffs->Get() == 0; }));
+    EXPECT_FALSE(ranNext);
+}
+
+TEST(CLoopThread, AWorkerKeepsTheOwnerAliveUntilItHasLeftOrEnded)
+{
+    CSpin spin;
+    auto owner = std::make_shared<int>(1);
+    CLoopThread thread;
+    SWorkerOptions options = atCancellationPoint();
+    options.owner = owner;
+    thread.SetWorkerOptions(options);
+    thread.Post([] {}, "item");
+    thread.StopAndJoin();
+    EXPECT_EQ(1, owner.use_count());
+    thread.Post([&] { spin.Enter(); }, "spinning");
+    ASSERT_TRUE(spin.WaitUntilEntered());
+
+    thread.Kill();
+
+    EXPECT_EQ(2, owner.use_count());
+    EXPECT_TRUE(spin.End());
+    EXPECT_TRUE(eventually([&] { return owner.use_count() == 1; }));
+}
+
+TEST(CLoopThread, AClosedOneDropsItsItemsAndEveryLaterOne)
+{
+    CLoopThread thread;
+    auto const held = std::make_shared<int>(1);
+    {
+        CLoopThread::CStartHold const hold(thread);
+        thread.Post([held] {}, "queued");
+        EXPECT_EQ(2, held.use_count());
+
+        thread.Close();
+
+        EXPECT_EQ(1, held.use_count());
+    }
+    thread.Post([held] {}, "later");
+    EXPECT_FALSE(thread.IsStarted());
+    EXPECT_EQ(1, held.use_count());
 }
 
 // Misuse

@@ -133,8 +133,10 @@ TEST(CRpcHost, RecommendsWhatProtectsAServerFromItsClients)
     SHostOptions const options = SHostOptions::Recommended();
     EXPECT_EQ(EPeers::Untrusted, options.peers);
     EXPECT_EQ(EOrphans::Destroy, options.orphans);
-    EXPECT_EQ(64, options.maxQueuedCalls);
+    EXPECT_EQ(128, options.maxQueuedCalls);
     EXPECT_EQ(1000, options.maxActors);
+    EXPECT_EQ(EKill::AtCancellationPoint, options.kill);
+    EXPECT_TRUE(options.reportHangs);
     EXPECT_FALSE(options.authorize);
     EXPECT_EQ(20000, options.hangLimitMs);
     EXPECT_EQ(5000, options.hangCheckMs);

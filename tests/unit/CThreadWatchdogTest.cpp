@@ -704,3 +704,35 @@ TEST(CThreadWatchdogDeathTest, AnEmptyHandlerRaisesBadFunctionCallThatNobodyCatc
         },
         "bad_function_call");
 }
+
+TEST(CThreadWatchdog, TellsBeforeItKills)
+{
+    CHungThread hung;
+    CLogCapture log;
+    CThreadWatchdog watchdog(200, 50);
+    std::atomic<int> kills{-1};
+    CGate killed;
+
+    watchdog.Ping(
+        hung.Get(), [&] { killed.Open(); }, "call", [&] { kills = log.Count("Killing thread"); });
+
+    EXPECT_TRUE(killed.Wait());
+    EXPECT_EQ(0, kills);
+    EXPECT_EQ(1, log.Count("Killing thread"));
+}
+
+TEST(CThreadWatchdog, ForgetsItsPingsWithoutTheirHandlers)
+{
+    CBusyThread busy;
+    CThreadWatchdog watchdog(FOREVER_MS, 10);
+    auto const held = std::make_shared<int>(1);
+    watchdog.Ping(
+        busy.Get(), [held] { ADD_FAILURE() << "called"; }, "call");
+    EXPECT_EQ(2, held.use_count());
+
+    watchdog.Forget();
+
+    EXPECT_EQ(1, held.use_count());
+    busy.Release();
+    busy->StopAndJoin(); // its answer comes to nothing
+}
