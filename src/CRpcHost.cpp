@@ -89,8 +89,8 @@ void CRpcHost::OnClientGone(int connectionId)
     auto const connection = m_connections.find(connectionId);
     if (connection != m_connections.end())
     {
-        logInfo() << "CRpcHost client of connectionId=" << connectionId << " has left, destroying its actors";
         connection->second.OnClientGone();
+        logInfo() << "CRpcHost client of connectionId=" << connectionId << " has left, destroying its actors";
     }
 }
 
