@@ -31,10 +31,18 @@ void sendErrorsToStderr()
     nelo_rpc::log::SetSink([](nelo_rpc::log::ELevel level, std::string const& line) {
         if (level >= nelo_rpc::log::ELevel::Error)
         {
-            g_killedAWorker = g_killedAWorker || line.find("Killing thread") != std::string::npos;
+            noteKill(line);
             std::fprintf(stderr, "%s\n", line.c_str());
         }
     });
+}
+
+void noteKill(std::string const& line)
+{
+    if (line.find("Killing thread") != std::string::npos)
+    {
+        g_killedAWorker = true;
+    }
 }
 
 void spinForEver()

@@ -12,6 +12,9 @@ void say(std::string const& line);
 /// Sends the library's error and fatal lines to standard error, where the test's output shows them.
 void sendErrorsToStderr();
 
+/// For a program with a sink of its own that kills workers: tells the leak checker about kills. Called with each line.
+void noteKill(std::string const& line);
+
 /// Keeps the calling thread busy without ever reaching a cancellation point.
 ///
 /// Out of line and with nothing of its own to destroy: unwinding ends the process when it starts from an instruction
