@@ -70,7 +70,7 @@ SHonestReport CHonestClient::Stop()
 
 void CHonestClient::Run(std::string const& server, microseconds pause)
 {
-    CTestClient client(server);
+    CTestClient client(server, nelo_rpc::SPortOptions::Recommended());
     CStepperProxy stepper(client.Get());
     std::atomic<int> heard{0};
     stepper.OnStep.Subscribe([&](int step) { m_wrong += step == ++heard ? 0 : 1; });

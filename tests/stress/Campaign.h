@@ -5,13 +5,14 @@
 #include <string>
 
 /// How far a campaign goes: the short form shows in seconds that it works, the long one gives the figures.
-/// The long form is chosen by NELO_RPC_CAMPAIGN=long in the environment.
+/// The long form is chosen by NELO_RPC_CAMPAIGN=long in the environment, and is NELO_RPC_CAMPAIGN_SCALE times as long
+/// where that is set.
 bool isLongForm();
 int pick(int shortForm, int longForm);
 
 /// What one campaign did and saw.
 ///
-/// At its end the figures go to standard output, and as a line of JSON to the file that NELO_RPC_CAMPAIGN_RESULTS names.
+/// While it runs, this process logs fatal lines only. At its end the figures go to standard output, and as a line of JSON to the file that NELO_RPC_CAMPAIGN_RESULTS names.
 /// One thread at a time.
 class CCampaign
 {

@@ -10,8 +10,10 @@
 class CTestClient
 {
 public:
-    explicit CTestClient(std::string const& server)
-        : m_port(CPrivateBus::UniqueName().c_str(), server.c_str(), false), m_client(m_port), m_delivery(m_port)
+    explicit CTestClient(std::string const& server, nelo_rpc::SPortOptions const& options = {})
+        : m_port(CPrivateBus::UniqueName().c_str(), server.c_str(), false, options),
+          m_client(m_port),
+          m_delivery(m_port)
     {
     }
 
