@@ -294,7 +294,7 @@ void hangInThisLineIfAsked()
     if (t_hangInNextLine)
     {
         t_hangInNextLine = false;
-        std::this_thread::sleep_for(std::chrono::seconds(6));
+        std::this_thread::sleep_for(std::chrono::seconds(4));
     }
 }
 
