@@ -43,6 +43,11 @@ int CStressServer::CountDisorder()
     return Ask("disorder");
 }
 
+int CStressServer::CountFloods()
+{
+    return Ask("floods");
+}
+
 void CStressServer::Tell(std::string const& line)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);

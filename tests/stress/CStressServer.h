@@ -16,9 +16,10 @@ public:
     pid_t GetPid() const { return m_process.GetPid(); }
     bool IsRunning();
 
-    /// Steppers that live there, and steps that came out of order; -1 if it does not answer.
+    /// Steppers that live there, steps that came out of order, floods that have been sent; -1 if it does not answer.
     int CountObjects();
     int CountDisorder();
+    int CountFloods();
 
     void Tell(std::string const& line);
 

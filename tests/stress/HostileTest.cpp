@@ -198,8 +198,8 @@ EEnd sendToTrustingServer(SHostileClass const& oneClass)
 TEST(Hostile, MessagesHarmNeitherAnUntrustingServerNorItsClients)
 {
     constexpr int PEERS = 4;
-    int const messages = pick(5000, 200000);
-    CCampaign campaign("hostile", seconds(pick(40, 1800)));
+    int const messages = pick(3000, 200000);
+    CCampaign campaign("hostile", seconds(pick(100, 1800)));
     std::string const name = CPrivateBus::UniqueName();
     CStressServer server(name, {});
     std::list<CHonestClient> honest;
@@ -260,7 +260,10 @@ TEST(Hostile, MessagesHarmNeitherAnUntrustingServerNorItsClients)
     campaign.Set("honest calls", static_cast<double>(report.calls));
     campaign.Set("lost", static_cast<double>(report.lost + unanswered));
     campaign.Set("wrong", static_cast<double>(report.wrong + wrong + server.CountDisorder()));
-    campaign.Set("KiB per 1000 messages", trend.SlopeOfResidentKb());
+    if (isLongForm()) // in the short one the server has just started
+    {
+        campaign.Set("KiB per 1000 messages", trend.SlopeOfResidentKb());
+    }
     campaign.Set("descriptors more", static_cast<double>(after.descriptors - before.descriptors));
 
     EXPECT_TRUE(serverLives);
@@ -274,7 +277,7 @@ TEST(Hostile, MessagesHarmNeitherAnUntrustingServerNorItsClients)
 
 TEST(Hostile, MessagesEndATrustingServerWithAFatalLineOrNotAtAll)
 {
-    CCampaign campaign("hostile, trusted", seconds(pick(60, 600)));
+    CCampaign campaign("hostile, trusted", seconds(pick(100, 600)));
     std::atomic<std::size_t> next{0};
     std::mutex mutex;
     std::vector<std::thread> threads;

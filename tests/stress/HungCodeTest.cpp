@@ -145,7 +145,7 @@ TEST_P(HungCode, IsKilledAndCostsNobodyElse)
     }
     int const times = pick(1, 50);
     CCampaign campaign(kill == EKillChoice::Anywhere ? "hung-code, anywhere" : "hung-code, at a cancellation point",
-                       seconds(pick(90, 3600)));
+                       seconds(pick(100, 3600)));
     std::vector<SHungWay> const ways = waysFor(kill);
     std::vector<STally> tallies(ways.size());
     std::atomic<std::size_t> next{0};

@@ -1,5 +1,6 @@
 #include "CInbox.h"
 #include "CPrivateBus.h"
+#include "CRunningCalls.h"
 #include "CStressServer.h"
 #include "CTestClient.h"
 #include "Campaign.h"
@@ -133,40 +134,6 @@ private:
     std::thread m_thread;
 };
 
-/// Calls without an end, answered or not: there is something under way whenever a host goes.
-class CRunningCalls
-{
-public:
-    explicit CRunningCalls(std::string const& server)
-        : m_thread([this, server] {
-              CTestClient client(server, nelo_rpc::SPortOptions::Recommended());
-              CStepperProxy stepper(client.Get());
-              while (!m_stop)
-              {
-                  m_answers += stepper.Echo.TryCall({1, 2, 3}) ? 1 : 0;
-              }
-              stepper.Steps(); // before its end, so that the server knows the actor
-          })
-    {
-    }
-
-    ~CRunningCalls()
-    {
-        m_stop = true;
-        m_thread.join();
-    }
-
-    bool WaitForOne() const
-    {
-        return eventually([&] { return m_answers > 0; }, seconds(30));
-    }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::atomic<long> m_answers{0};
-    std::thread m_thread;
-};
-
 /// Killed, asked to stop, or left without cleaning up. @return whether it ended as it should.
 bool end(CStressServer& server, int how)
 {
@@ -189,7 +156,7 @@ bool end(CStressServer& server, int how)
 TEST(Restarts, OfAServerLoseNoCallThatWasSentAfterItsNameAppeared)
 {
     int const restarts = pick(6, 200);
-    CCampaign campaign("restarts", seconds(pick(90, 1800)));
+    CCampaign campaign("restarts", seconds(pick(100, 1800)));
     std::string const name = CPrivateBus::UniqueName();
     std::list<CPatientClient> clients;
     for (int i = 0; i < 4; ++i)
@@ -240,7 +207,7 @@ TEST(Restarts, OfAHostAnswerEveryCallThatItHas)
 {
     constexpr int CALLERS = 3;
     int const rounds = pick(3, 60);
-    CCampaign campaign("restarts of a host", seconds(pick(90, 1800)));
+    CCampaign campaign("restarts of a host", seconds(pick(100, 1800)));
     std::string const name = CPrivateBus::UniqueName();
     CStressServer server(name, {"hang=400", "check=100"});
     int lost = 0;
@@ -357,7 +324,7 @@ bool countToTen(std::string const& server)
 TEST(Restarts, OfTwoServersAndTheirClientsInOneProcessLeaveNothingBehind)
 {
     int const rounds = pick(4, 100);
-    CCampaign campaign("restarts in one process", seconds(pick(60, 1800)));
+    CCampaign campaign("restarts in one process", seconds(pick(100, 1800)));
     std::string const names[] = {CPrivateBus::UniqueName(), CPrivateBus::UniqueName()};
     SProcessFigures before;
     CTrend trend;

@@ -10,6 +10,7 @@
 /// says:     "ready", "fatal <line>" for fatal lines of the log
 /// is told:  objects        says "objects <number>" of steppers that live
 ///           disorder       says "disorder <number>" of steps that did not come in order
+///           floods         says "floods <number>" of floods that have been sent
 ///           release <n>    lets go on what client <n> has parked; "release all" everything, from now on
 ///           drop / host    destroys the host ("dropped"), makes one ("ready")
 ///           exit           ends without cleaning up
@@ -41,6 +42,7 @@ using Octets = std::vector<std::uint8_t>;
 
 std::atomic<int> g_objects{0};
 std::atomic<int> g_disorder{0};
+std::atomic<int> g_floods{0};
 
 /// Hangs the calling thread in the next line of the log that it writes.
 thread_local bool t_hangInNextLine = false;
@@ -122,6 +124,7 @@ public:
         {
             OnFlood.Send(payload);
         }
+        ++g_floods;
     }
 
     void Identify(int id)
@@ -380,6 +383,10 @@ int main(int argc, char** argv)
         else if (command == "disorder")
         {
             say("disorder " + std::to_string(g_disorder));
+        }
+        else if (command == "floods")
+        {
+            say("floods " + std::to_string(g_floods));
         }
         else if (command == "release")
         {

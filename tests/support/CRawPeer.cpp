@@ -214,9 +214,11 @@ MessagePtr CRawPeer::ReceiveIf(std::function<bool(DBusMessage*)> const& wanted, 
     }
 }
 
-CRawServer::CRawServer(std::string const& name, Handler handler) : m_uniqueName(m_peer.GetUniqueName())
+CRawServer::CRawServer(std::string const& name, Handler handler, EName howItIsHeld)
+    : m_uniqueName(m_peer.GetUniqueName())
 {
-    EXPECT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER, m_peer.RequestName(name));
+    EXPECT_EQ(howItIsHeld == EName::Owned ? DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER : DBUS_REQUEST_NAME_REPLY_IN_QUEUE,
+              m_peer.RequestName(name));
     m_thread = std::thread([this, handler = std::move(handler)] { Run(handler); });
 }
 

@@ -81,7 +81,14 @@ public:
     /// Runs on the server's thread for each call; answers through the peer, or not at all.
     using Handler = std::function<void(CRawPeer& peer, MessagePtr call)>;
 
-    CRawServer(std::string const& name, Handler handler);
+    /// Whether it has the name at once, or waits for it in the bus's queue.
+    enum class EName
+    {
+        Owned,
+        Queued
+    };
+
+    CRawServer(std::string const& name, Handler handler, EName howItIsHeld = EName::Owned);
     ~CRawServer();
 
     CRawServer(CRawServer const&) = delete;
