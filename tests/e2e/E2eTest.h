@@ -5,6 +5,7 @@
 #include "CInbox.h"
 #include "CLogCapture.h"
 #include "CPrivateBus.h"
+#include "CTestClient.h"
 #include "Eventually.h"
 #include "ProbeTypes.h"
 
@@ -27,23 +28,6 @@
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-
-/// A client of this process, with its port and the delivery of its callbacks.
-class CTestClient
-{
-public:
-    explicit CTestClient(std::string const& server)
-        : m_port(CPrivateBus::UniqueName().c_str(), server.c_str(), false), m_client(m_port), m_delivery(m_port)
-    {
-    }
-
-    nelo_rpc::CRpcClient& Get() { return m_client; }
-
-private:
-    nelo_rpc::CDbusPort m_port;
-    nelo_rpc::CRpcClient m_client;
-    nelo_rpc::CCallbackDelivery m_delivery;
-};
 
 /// A server process, ready to be called.
 class CServerProcess
