@@ -14,8 +14,22 @@ add_test(NAME examples.epoll_client
 add_test(NAME examples.one_interface
     COMMAND ${examples_bus} --server $<TARGET_FILE:one_interface_server> $<TARGET_FILE:one_interface_client>)
 
+add_test(NAME examples.timers
+    COMMAND ${examples_bus} --server $<TARGET_FILE:timers_server> $<TARGET_FILE:timers_client>)
+
+add_test(NAME examples.surviving_client
+    COMMAND ${examples_bus} ${CMAKE_CURRENT_LIST_DIR}/surviving_client/restart-server
+        $<TARGET_FILE:thermostat_server> $<TARGET_FILE:surviving_client>)
+
 # Those that need what not every machine has.
 set(further_tests)
+foreach(client glib_client sd_event_client)
+    if(TARGET ${client})
+        add_test(NAME examples.${client}
+            COMMAND ${examples_bus} --server $<TARGET_FILE:thermostat_server> $<TARGET_FILE:${client}>)
+        list(APPEND further_tests examples.${client})
+    endif()
+endforeach()
 foreach(test bus_test scripted_server_test)
     if(TARGET ${test})
         add_test(NAME examples.${test} COMMAND ${test})
@@ -36,6 +50,6 @@ add_test(NAME docs.readme COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-readme
 add_test(NAME docs.logs COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-logs
     ${CMAKE_CURRENT_LIST_DIR}/../docs/logs.md ${CMAKE_CURRENT_LIST_DIR}/../src)
 
-set_tests_properties(examples.thermostat examples.epoll_client examples.one_interface
-    examples.client_without_server examples.local_test ${further_tests} docs.readme docs.logs
+set_tests_properties(examples.thermostat examples.epoll_client examples.one_interface examples.timers
+    examples.surviving_client examples.client_without_server examples.local_test ${further_tests} docs.readme docs.logs
     PROPERTIES TIMEOUT 90)
