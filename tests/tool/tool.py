@@ -2,6 +2,7 @@
 
 import json
 import os
+import pty
 import select
 import signal
 import subprocess
@@ -91,6 +92,24 @@ class ToolTest(unittest.TestCase):
     def tool(self, *words, environment=None):
         return subprocess.run([TOOL, *words], env=environment or self.bus.environment, capture_output=True,
                               encoding="utf-8", timeout=LIMIT)
+
+    def on_terminal(self, *words, **variables):
+        """What the program writes to a terminal, of both kinds, with these variables in its environment."""
+        environment = {key: value for key, value in self.bus.environment.items() if key != "NO_COLOR"}
+        environment.update({"TERM": "xterm", **variables})
+        ours, its = pty.openpty()
+        run = subprocess.Popen([TOOL, *words], env=environment, stdin=its, stdout=its, stderr=its,
+                               preexec_fn=wire.die_with_parent)
+        os.close(its)
+        text = b""
+        try:
+            while True:
+                text += os.read(ours, 4096)
+        except OSError:  # how a terminal tells that nobody writes to it any more
+            pass
+        run.wait(LIMIT)
+        os.close(ours)
+        return text.decode()
 
     def watching(self, *words):
         run = Watching(self.bus.environment, *words)
