@@ -5,7 +5,7 @@ set(NELO_RPC_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/nelo-rpc)
 install(TARGETS nelo-rpc EXPORT nelo-rpc-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development)
 install(DIRECTORY include/nelo_rpc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h" PATTERN testing EXCLUDE)
 
 # find_package(nelo-rpc)
 install(EXPORT nelo-rpc-targets NAMESPACE nelo_rpc:: DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
@@ -32,6 +32,18 @@ foreach(dir LIBDIR INCLUDEDIR)
         set(NELO_RPC_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
     endif()
 endforeach()
+if(TARGET nelo-rpc-testing)
+    install(TARGETS nelo-rpc-testing EXPORT nelo-rpc-testing-targets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
+    install(DIRECTORY include/nelo_rpc/testing DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nelo_rpc
+        COMPONENT Development FILES_MATCHING PATTERN "*.h")
+    # find_package(nelo-rpc COMPONENTS testing)
+    install(EXPORT nelo-rpc-testing-targets NAMESPACE nelo_rpc:: DESTINATION ${NELO_RPC_CMAKE_DIR}
+        COMPONENT Development)
+    configure_file(cmake/nelo-rpc-testing.pc.in ${PROJECT_BINARY_DIR}/nelo-rpc-testing.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/nelo-rpc-testing.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT Development)
+endif()
 configure_file(cmake/nelo-rpc.pc.in ${PROJECT_BINARY_DIR}/nelo-rpc.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nelo-rpc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 

@@ -11,6 +11,32 @@ add_test(NAME examples.thermostat
 add_test(NAME examples.epoll_client
     COMMAND ${examples_bus} --server $<TARGET_FILE:thermostat_server> $<TARGET_FILE:epoll_client>)
 
+add_test(NAME examples.one_interface
+    COMMAND ${examples_bus} --server $<TARGET_FILE:one_interface_server> $<TARGET_FILE:one_interface_client>)
+
+add_test(NAME examples.timers
+    COMMAND ${examples_bus} --server $<TARGET_FILE:timers_server> $<TARGET_FILE:timers_client>)
+
+add_test(NAME examples.surviving_client
+    COMMAND ${examples_bus} ${CMAKE_CURRENT_LIST_DIR}/surviving_client/restart-server
+        $<TARGET_FILE:thermostat_server> $<TARGET_FILE:surviving_client>)
+
+# Those that need what not every machine has.
+set(further_tests)
+foreach(client glib_client sd_event_client)
+    if(TARGET ${client})
+        add_test(NAME examples.${client}
+            COMMAND ${examples_bus} --server $<TARGET_FILE:thermostat_server> $<TARGET_FILE:${client}>)
+        list(APPEND further_tests examples.${client})
+    endif()
+endforeach()
+foreach(test bus_test scripted_server_test)
+    if(TARGET ${test})
+        add_test(NAME examples.${test} COMMAND ${test})
+        list(APPEND further_tests examples.${test})
+    endif()
+endforeach()
+
 add_test(NAME examples.client_without_server COMMAND ${examples_bus} $<TARGET_FILE:thermostat_client>)
 set_tests_properties(examples.client_without_server PROPERTIES
     PASS_REGULAR_EXPRESSION "nobody owns org.example.climate on the bus")
@@ -24,5 +50,6 @@ add_test(NAME docs.readme COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-readme
 add_test(NAME docs.logs COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-logs
     ${CMAKE_CURRENT_LIST_DIR}/../docs/logs.md ${CMAKE_CURRENT_LIST_DIR}/../src)
 
-set_tests_properties(examples.thermostat examples.epoll_client examples.client_without_server
-    examples.local_test docs.readme docs.logs PROPERTIES TIMEOUT 90)
+set_tests_properties(examples.thermostat examples.epoll_client examples.one_interface examples.timers
+    examples.surviving_client examples.client_without_server examples.local_test ${further_tests} docs.readme docs.logs
+    PROPERTIES TIMEOUT 90)

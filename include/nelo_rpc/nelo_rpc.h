@@ -15,7 +15,8 @@
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Values.h>
 
-// Seams: typed functions as remotely callable ones, and the transport.
+// Seams: typed functions as remotely callable ones, actor types that are declared once, and the transport.
+#include <nelo_rpc/CInterface.h>
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/FunctionAdapters.h>
 #include <nelo_rpc/Refusal.h>
@@ -31,11 +32,13 @@
 #include <nelo_rpc/CRpcHost.h>
 #include <nelo_rpc/HangReport.h>
 #include <nelo_rpc/ICallback.h>
+#include <nelo_rpc/RegisterInterface.h>
 
 // Client.
 #include <nelo_rpc/CActorProxy.h>
 #include <nelo_rpc/CCallbackDelivery.h>
 #include <nelo_rpc/CClientConnectionProxy.h>
+#include <nelo_rpc/CProxyOf.h>
 #include <nelo_rpc/CRpcClient.h>
 #include <nelo_rpc/ProxyEndpoints.h>
 

@@ -4,11 +4,9 @@
 
 #include <string>
 
-/// A dbus-daemon of this test process's own, standing in for the system bus.
-///
-/// One per process and not per test: libdbus reads DBUS_SYSTEM_BUS_ADDRESS once, at its first connection, so a
-/// second address would never be talked to. Tests keep apart by bus name. A test may still take the daemon
-/// away: Start() brings a new one up at the same address, where nobody is connected any more.
+/// The private bus of this test process: the one that applications get for their tests, as part of the tests'
+/// framework. A test may take the daemon away: Start() brings a new one up at the same address, where nobody is
+/// connected any more.
 ///
 /// Every executable that uses this class has its bus: it registers itself as a test environment, so the daemon
 /// is forked before any test starts a thread. The static functions act on it and belong to the main thread.

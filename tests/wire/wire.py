@@ -8,7 +8,7 @@ import subprocess
 import threading
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-BUS_CONF = os.environ.get("NELO_RPC_TEST_BUS_CONF", os.path.join(HERE, "..", "support", "test-bus.conf"))
+BUS_CONF = os.environ.get("NELO_RPC_TEST_BUS_CONF", os.path.join(HERE, "..", "..", "src", "testing", "bus.conf"))
 PROGRAMS = os.environ.get("NELO_RPC_WIRE_DIR", "")
 
 PATH = "/org/trelin/nelo_rpc"
@@ -47,7 +47,7 @@ EVERY_CLASS_TEXT = (
     f"{EVERY_CLASS_TEXT_OF_ARGUMENTS}}}")
 
 
-def _die_with_parent():
+def die_with_parent():
     pr_set_pdeathsig = 1
     ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGTERM)
 
@@ -55,10 +55,10 @@ def _die_with_parent():
 class PrivateBus:
     """A bus daemon in place of the system bus. Programs find it by their environment."""
 
-    def __init__(self):
+    def __init__(self, conf=BUS_CONF):
         self._daemon = subprocess.Popen(
-            ["dbus-daemon", "--nofork", "--nopidfile", "--print-address=1", "--config-file=" + BUS_CONF],
-            stdout=subprocess.PIPE, text=True, preexec_fn=_die_with_parent)
+            ["dbus-daemon", "--nofork", "--nopidfile", "--print-address=1", "--config-file=" + conf],
+            stdout=subprocess.PIPE, text=True, preexec_fn=die_with_parent)
         # The address is printed once the daemon listens.
         self.address = self._daemon.stdout.readline().strip()
         if not self.address:
@@ -85,7 +85,7 @@ class Program:
         self._process = subprocess.Popen(
             [os.path.join(PROGRAMS, name), *arguments], env=bus.environment,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, encoding="utf-8",
-            preexec_fn=_die_with_parent)
+            preexec_fn=die_with_parent)
         self._lines = queue.Queue()
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
@@ -107,6 +107,12 @@ class Program:
 
     def has_line(self):
         return not self._lines.empty()
+
+    def suspend(self):
+        self._process.send_signal(signal.SIGSTOP)
+
+    def resume(self):
+        self._process.send_signal(signal.SIGCONT)
 
     def wait(self):
         """Waits until it has ended by itself and returns its exit status, negative for a signal."""

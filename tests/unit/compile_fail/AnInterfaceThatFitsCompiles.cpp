@@ -1,0 +1,31 @@
+#include <nelo_rpc/nelo_rpc.h>
+
+class ILamp
+{
+public:
+    virtual ~ILamp() = default;
+    virtual bool Dim(int percent) = 0;
+    virtual void Switch(bool on) = 0;
+    nelo_rpc::CCallbackSender<int> OnDimmed;
+
+    static constexpr nelo_rpc::CInterface RPC{"Lamp", nelo_rpc::SFunction<&ILamp::Dim>{"Dim"},
+                                              nelo_rpc::SCallback<&ILamp::OnDimmed>{"OnDimmed"}};
+};
+
+class CLamp : public ILamp
+{
+public:
+    bool Dim(int) override { return true; }
+    void Switch(bool) override {}
+};
+
+void serve(nelo_rpc::CRpcHost& host)
+{
+    nelo_rpc::registerInterface<ILamp, CLamp>(host);
+}
+
+void use(nelo_rpc::CProxyOf<ILamp>& lamp)
+{
+    lamp.Subscribe<&ILamp::OnDimmed>([](int percent) { static_cast<void>(percent); });
+    static_cast<void>(lamp.Call<&ILamp::Dim>(50));
+}
