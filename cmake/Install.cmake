@@ -38,4 +38,6 @@ install(FILES ${PROJECT_BINARY_DIR}/nelo-rpc.pc DESTINATION ${CMAKE_INSTALL_LIBD
 # To be adapted and copied by whoever sets up a server, therefore documentation and not in force.
 install(FILES packaging/org.example.climate.conf packaging/climate.service
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT Development)
-install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
+if(NOT NELO_RPC_DEBIAN_PACKAGES) # which have both under other names
+    install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
+endif()
