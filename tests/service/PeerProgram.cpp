@@ -35,9 +35,8 @@ int serve(char const* name)
 
     nelo_rpc::CDbusPort port(name, true, nelo_rpc::SPortOptions::Recommended());
     nelo_rpc::CRpcHost host(port, nelo_rpc::SHostOptions::Recommended(), [](nelo_rpc::CRpcHost& self) {
-        self.RegisterActorType<CAdder>("Adder", [](nelo_rpc::CActor& actor, CAdder& adder) {
-            actor.AddFunction("Add", adder, &CAdder::Add);
-        });
+        self.RegisterActorType<CAdder>(
+            "Adder", [](nelo_rpc::CActor& actor, CAdder& adder) { actor.AddFunction("Add", adder, &CAdder::Add); });
     });
     std::cout << "ready" << std::endl;
 
