@@ -47,7 +47,16 @@ endif()
 configure_file(cmake/nelo-rpc.pc.in ${PROJECT_BINARY_DIR}/nelo-rpc.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nelo-rpc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 
-# To be adapted and copied by whoever sets up a server, therefore documentation and not in force.
-install(FILES packaging/org.example.climate.conf packaging/climate.service
+# nelo_rpc_add_service, and what it makes for an example: documentation, and not in force.
+install(FILES cmake/nelo-rpc-service.cmake DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
+install(DIRECTORY packaging/service DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
+include(cmake/nelo-rpc-service.cmake)
+set(nelo_rpc_service_templates ${PROJECT_SOURCE_DIR}/packaging/service)
+set(example ${PROJECT_BINARY_DIR}/example-service)
+nelo_rpc_write_service(${example} org.example.climate /usr/bin/climate-server climate.service climate climate-users FALSE
+    "Example climate server")
+install(FILES ${example}/org.example.climate.conf ${example}/unit/climate.service
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT Development)
-install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
+if(NOT NELO_RPC_DEBIAN_PACKAGES) # which have both under other names
+    install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
+endif()

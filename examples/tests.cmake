@@ -43,13 +43,23 @@ set_tests_properties(examples.client_without_server PROPERTIES
 
 add_test(NAME examples.local_test COMMAND local_test)
 
+# By the system's Python, because the bus bindings are installed for that one.
+set(python_client ${CMAKE_CURRENT_LIST_DIR}/python_client)
+add_test(NAME examples.python_client
+    COMMAND ${examples_bus} --server $<TARGET_FILE:thermostat_server> /usr/bin/python3 -B ${python_client}/thermostat.py)
+add_test(NAME examples.python_client_values COMMAND /usr/bin/python3 -B ${python_client}/test_values.py)
+
 # What the documentation shows is what is there.
 add_test(NAME docs.readme COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-readme
     ${CMAKE_CURRENT_LIST_DIR}/../README.md examples/thermostat/server.cpp examples/thermostat/client.cpp)
+
+add_test(NAME docs.guide COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-readme
+    ${CMAKE_CURRENT_LIST_DIR}/../docs/guide.md ../examples/thermostat/server.cpp ../examples/thermostat/client.cpp)
 
 add_test(NAME docs.logs COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-logs
     ${CMAKE_CURRENT_LIST_DIR}/../docs/logs.md ${CMAKE_CURRENT_LIST_DIR}/../src)
 
 set_tests_properties(examples.thermostat examples.epoll_client examples.one_interface examples.timers
-    examples.surviving_client examples.client_without_server examples.local_test ${further_tests} docs.readme docs.logs
+    examples.surviving_client examples.client_without_server examples.local_test examples.python_client
+    examples.python_client_values ${further_tests} docs.readme docs.guide docs.logs
     PROPERTIES TIMEOUT 90)

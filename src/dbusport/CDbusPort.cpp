@@ -10,6 +10,7 @@
 #include "DbusPointers.h"
 #include "ErrorReply.h"
 #include "MessageCheck.h"
+#include "PolicyHints.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -191,11 +192,13 @@ bool CDbusPort::RequestName()
     if (error.IsSet())
     {
         logError() << "Dbus request name failed: " << error.Message();
+        dbus::hintAtNamePolicy(*error.Get(), m_name);
         return false;
     }
     if (owned != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER && owned != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER)
     {
-        logInfo() << "CDbusPort::CDbusPort name " << m_name << " has another owner, queued behind it";
+        logInfo() << "CDbusPort::CDbusPort name " << m_name
+                  << " has another owner, queued behind it: " << dbus::describeOwner(m_connection, m_name);
     }
     return true;
 }
@@ -555,6 +558,7 @@ types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int con
     if (!failure.empty())
     {
         logError() << "Dbus error: " << failure;
+        dbus::hintAtCallPolicy(failure, destination);
     }
     if (!isChecked)
     {

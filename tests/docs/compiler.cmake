@@ -1,0 +1,1 @@
+set_property(TEST docs.snippets_test APPEND PROPERTY ENVIRONMENT "CXX=${CMAKE_CXX_COMPILER}")
