@@ -1,5 +1,7 @@
 #include <nelo_rpc/CValue.h>
 
+#include <nelo_rpc/Cancellation.h>
+
 #include <cxxabi.h>
 
 #include <algorithm>
@@ -39,6 +41,18 @@ std::string demangle(std::type_info const& type)
     return status == 0 && name != nullptr ? name.get() : type.name();
 }
 
+std::string const& rememberName(std::atomic<std::string const*>& known, std::type_info const& type)
+{
+    CCancellationGuard const guard; // values are made by application code too, which may be killed at any instruction
+    auto name = std::make_unique<std::string const>(demangle(type));
+    std::string const* first = nullptr;
+    if (known.compare_exchange_strong(first, name.get(), std::memory_order_acq_rel))
+    {
+        first = name.release();
+    }
+    return *first;
+}
+
 } // namespace internal_value
 
 CValue::~CValue() = default;
@@ -49,8 +63,12 @@ template class CTypedValue<std::string>;
 template class CTypedValue<CCString>;
 
 CBinaryValue::CBinaryValue(void const* bytes, unsigned int size, int kind)
-    : m_data(new char[std::max(size, WIDEST_KIND)]()), m_size(size), m_kind(kind)
+    : m_data(new char[std::max(size, WIDEST_KIND)]), m_size(size), m_kind(kind)
 {
+    if (size < WIDEST_KIND)
+    {
+        std::memset(m_data, 0, WIDEST_KIND);
+    }
     if (size > 0)
     {
         std::memcpy(m_data, bytes, size);

@@ -3,6 +3,7 @@
 #include <nelo_rpc/CCString.h>
 #include <nelo_rpc/Export.h>
 
+#include <atomic>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -31,6 +32,19 @@ namespace internal_value
 {
 /// The name of a type as its source would spell it, or the raw name if that cannot be told.
 NELO_RPC_API std::string demangle(std::type_info const& type);
+
+/// Puts the name into `known`, where it stays for ever, unless another thread was quicker.
+NELO_RPC_API std::string const& rememberName(std::atomic<std::string const*>& known, std::type_info const& type);
+
+/// The same name for every value of a type. No static object of a function: a thread that is killed while it makes one
+/// would leave it locked.
+template <class T>
+std::string const& nameOf()
+{
+    static std::atomic<std::string const*> known{nullptr};
+    std::string const* const name = known.load(std::memory_order_acquire);
+    return name != nullptr ? *name : rememberName(known, typeid(T));
+}
 } // namespace internal_value
 
 /// A value of one C++ type: int, std::string, CCString or bool. Since 0.1.
@@ -38,7 +52,7 @@ template <class T>
 class NELO_RPC_API CTypedValue : public CValue
 {
 public:
-    explicit CTypedValue(T const& value) : m_value(value), m_typeName(internal_value::demangle(typeid(T))) {}
+    explicit CTypedValue(T const& value) : m_value(value), m_typeName(internal_value::nameOf<T>()) {}
 
     /// "CTypedValue<" + type name + "> = " + the value as a stream writes it.
     std::string ToString() const override
@@ -53,7 +67,7 @@ public:
 
 private:
     T m_value;
-    std::string m_typeName;
+    std::string const& m_typeName;
 };
 
 extern template class CTypedValue<int>;

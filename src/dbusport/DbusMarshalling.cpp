@@ -3,12 +3,17 @@
 #include <nelo_rpc/Values.h>
 
 #include "../SystemLog.h"
+#include "CMessageLayout.h"
 #include "DbusNames.h"
 #include "DbusPointers.h"
+#include "WireValue.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <typeinfo>
+#include <vector>
 
 namespace nelo_rpc::dbus
 {
@@ -16,16 +21,19 @@ namespace nelo_rpc::dbus
 namespace
 {
 
-constexpr int TAG_INT = 0;
-constexpr int TAG_STRING = 1;
-constexpr int TAG_C_STRING = 2;
-constexpr int TAG_BINARY = 3;
-
 /// A stock system bus cuts a connection off that sends a larger message.
 constexpr std::size_t LARGEST_MESSAGE = 32 * 1024 * 1024;
 
 /// More than path, interface, member, the longest names and the longest signature take together.
 constexpr std::size_t LARGEST_HEADER = 2048;
+
+/// Room for a usual header; a longer one only costs a little time.
+constexpr std::size_t USUAL_HEADER = 256;
+
+/// What is larger is appended to a message that is loaded without it: loading copies everything twice more.
+constexpr std::size_t LARGEST_LAID_OUT = 64 * 1024;
+
+constexpr char const* TEXT_WITH_NUL = "String for DBusMessage should be without NUL";
 
 [[noreturn]] void failOn(char const* what)
 {
@@ -103,99 +111,203 @@ MessagePointer requireMessage(DBusMessage* message)
     return MessagePointer(message);
 }
 
-char const* whyNotText(std::string const& text)
+/// Nearly all text is ASCII, which takes no validator to see.
+bool isAscii(char const* text, std::size_t size)
 {
-    if (text.find('\0') != std::string::npos)
+    unsigned int all = 0;
+    std::for_each(text, text + size, [&](char one) { all |= static_cast<unsigned char>(one); });
+    return all < 0x80;
+}
+
+char const* whyNotText(char const* text, std::size_t size)
+{
+    if (std::memchr(text, '\0', size) != nullptr)
     {
         return "a string with an embedded NUL cannot be sent";
     }
-    return dbus_validate_utf8(text.c_str(), nullptr) ? nullptr : "a string that is not valid UTF-8 cannot be sent";
+    bool const isValid = isAscii(text, size) || dbus_validate_utf8(text, nullptr);
+    return isValid ? nullptr : "a string that is not valid UTF-8 cannot be sent";
 }
 
-/// What one value adds to a body: its bytes with their padding, and its part of the signature with index and tag.
-struct SFootprint
-{
-    std::size_t bytes;
-    std::size_t signature;
-};
-
-SFootprint footprintOf(types::CValue& value)
+/// What one value adds to a body: index, tag and its own bytes with their padding.
+std::size_t bytesIn(SWireValue const& value)
 {
     constexpr std::size_t INTEGER = 4;
     constexpr std::size_t PADDING = 3;
-    if (types::hasType<std::string>(value))
+    switch (value.tag)
     {
-        return {3 * INTEGER + types::extract<std::string>(value).size() + 1 + PADDING, 3};
+    case TAG_STRING:
+    case TAG_C_STRING:
+        return 3 * INTEGER + value.size + 1 + PADDING;
+    case TAG_BINARY:
+        return 4 * INTEGER + value.size + PADDING;
+    default:
+        return 3 * INTEGER;
     }
-    if (types::hasType<char const*>(value))
-    {
-        return {3 * INTEGER + std::strlen(types::extract<char const*>(value)) + 1 + PADDING, 3};
-    }
-    if (auto const* const binary = dynamic_cast<types::CBinaryValue*>(&value))
-    {
-        return {4 * INTEGER + binary->GetSize() + PADDING, 5};
-    }
-    return {3 * INTEGER, 3};
 }
 
-char const* whyNotValue(types::CValue& value)
+/// What a list takes as a message, and why that is too much, if it is.
+struct SFootprint
 {
-    if (types::hasType<std::string>(value))
-    {
-        return whyNotText(types::extract<std::string>(value));
-    }
-    if (types::hasType<char const*>(value))
-    {
-        return whyNotText(types::extract<char const*>(value));
-    }
-    return nullptr;
-}
+    std::size_t bytes = LARGEST_HEADER;
+    std::size_t signature = 0;
 
-/// Whether a body of this list would be too large or have too long a signature.
-char const* whyNotFootprint(types::CValueList const& list)
+    void Add(SWireValue const& value)
+    {
+        bytes += bytesIn(value);
+        signature += std::strlen(signatureOf(value));
+    }
+
+    char const* WhyTooLarge() const
+    {
+        if (bytes > LARGEST_MESSAGE)
+        {
+            return "a message of more than 32 MiB cannot be sent";
+        }
+        return signature > DBUS_MAXIMUM_SIGNATURE_LENGTH ? "a list with so many entries cannot be sent" : nullptr;
+    }
+};
+
+struct SWireEntry
 {
-    SFootprint total{LARGEST_HEADER, 0};
+    int index;
+    SWireValue value;
+};
+using WireEntries = std::vector<SWireEntry>;
+
+/// All entries of a list, which must outlive them. A list that cannot be sent is fatal, a value of a class without a tag
+/// is left for putEntry() to object to.
+WireEntries wireEntriesOf(types::CValueList const& list)
+{
+    WireEntries entries;
+    entries.reserve(list.size());
+    SFootprint footprint;
     for (auto const& [index, value] : list)
     {
-        SFootprint const one = footprintOf(*value);
-        total.bytes += one.bytes;
-        total.signature += one.signature;
+        entries.push_back({index, wireValueOf(*value)});
+        footprint.Add(entries.back().value);
     }
-    if (total.bytes > LARGEST_MESSAGE)
+    if (char const* const why = footprint.WhyTooLarge())
     {
-        return "a message of more than 32 MiB cannot be sent";
+        failOn(why);
     }
-    return total.signature > DBUS_MAXIMUM_SIGNATURE_LENGTH ? "a list with so many entries cannot be sent" : nullptr;
+    return entries;
 }
 
-void putValue(DBusMessageIter* iter, int index, types::CValue& value)
+void putEntry(DBusMessageIter* iter, SWireEntry const& entry)
 {
-    if (types::hasType<char*>(value) || types::hasType<char const*>(value))
+    SWireValue const& value = entry.value;
+    if (value.tag == NO_TAG)
     {
-        dbusMessagePut(iter, index);
-        dbusMessagePut(iter, TAG_C_STRING);
-        dbusMessagePut(iter, types::extract<char const*>(value));
+        throw std::bad_cast();
     }
-    else if (types::hasType<int>(value))
+    dbusMessagePut(iter, entry.index);
+    dbusMessagePut(iter, value.tag);
+    if (value.tag == TAG_STRING && std::memchr(value.data, '\0', value.size) != nullptr)
     {
-        dbusMessagePut(iter, index);
-        dbusMessagePut(iter, TAG_INT);
-        dbusMessagePut(iter, types::extract<int>(value));
+        failOn(TEXT_WITH_NUL);
     }
-    else if (types::hasType<std::string>(value))
+    if (value.IsText())
     {
-        dbusMessagePut(iter, index);
-        dbusMessagePut(iter, TAG_STRING);
-        dbusMessagePut(iter, types::extract<std::string>(value));
+        dbusMessagePut(iter, value.data);
+        return;
     }
-    else
+    if (value.tag == TAG_BINARY)
     {
-        auto const& binary = dynamic_cast<types::CBinaryValue const&>(value);
-        dbusMessagePut(iter, index);
-        dbusMessagePut(iter, TAG_BINARY);
-        dbusMessagePut(iter, std::pair<char const*, unsigned int>(binary.GetData(), binary.GetSize()));
-        dbusMessagePut(iter, binary.GetKind());
+        dbusMessagePut(iter, Bytes(value.data, static_cast<unsigned int>(value.size)));
     }
+    dbusMessagePut(iter, value.number);
+}
+
+void putEntries(WireEntries::const_iterator entry, WireEntries::const_iterator end, DBusMessage* message)
+{
+    DBusMessageIter iter;
+    dbus_message_iter_init_append(message, &iter);
+    for (; entry != end; ++entry)
+    {
+        putEntry(&iter, *entry);
+    }
+}
+
+/// The header of a message to be built.
+struct SHead
+{
+    int type;
+    char const* destination; // a valid name; null in the return to a call that no bus has handed on
+    DBusMessage* call;       // that is replied to by a return
+
+    /// The same by the bus library's own means.
+    MessagePointer New() const
+    {
+        switch (type)
+        {
+        case DBUS_MESSAGE_TYPE_METHOD_CALL:
+            return requireMessage(dbus_message_new_method_call(destination, OBJECT_PATH, INTERFACE, MEMBER));
+        case DBUS_MESSAGE_TYPE_SIGNAL:
+        {
+            MessagePointer signal = requireMessage(dbus_message_new_signal(OBJECT_PATH, INTERFACE, MEMBER));
+            dbus_message_set_destination(signal.get(), destination);
+            return signal;
+        }
+        default:
+            return requireMessage(dbus_message_new_method_return(call));
+        }
+    }
+
+    /// The fields in the order in which the bus library writes them.
+    void AddTo(CMessageLayout& layout) const
+    {
+        bool const isCall = type == DBUS_MESSAGE_TYPE_METHOD_CALL;
+        bool const isReturn = type == DBUS_MESSAGE_TYPE_METHOD_RETURN;
+        layout.AddPath(isReturn ? nullptr : OBJECT_PATH);
+        layout.AddDestination(isCall ? destination : nullptr);
+        layout.AddInterface(isReturn ? nullptr : INTERFACE);
+        layout.AddMember(isReturn ? nullptr : MEMBER);
+        layout.AddDestination(isCall ? nullptr : destination);
+        if (isReturn)
+        {
+            layout.AddReplySerial(dbus_message_get_serial(call));
+        }
+    }
+};
+
+/// The message with the entries up to `end`; null if the bus library does not take it.
+MessagePointer layOut(SHead const& head, WireEntries::const_iterator begin, WireEntries::const_iterator end)
+{
+    std::size_t room = USUAL_HEADER;
+    std::string signature;
+    for (auto entry = begin; entry != end; ++entry)
+    {
+        room += bytesIn(entry->value);
+        signature += signatureOf(entry->value);
+    }
+    CMessageLayout layout(head.type, head.type == DBUS_MESSAGE_TYPE_METHOD_CALL, room);
+    head.AddTo(layout);
+    layout.EndHeader(signature);
+    for (auto entry = begin; entry != end; ++entry)
+    {
+        layout.AddEntry(entry->index, entry->value);
+    }
+    return layout.Load();
+}
+
+DBusMessage* build(SHead const& head, types::CValueList const& list)
+{
+    logDebug() << "nelo_rpc::dbus::fillDbusMessage, list=" << types::toString(list);
+    WireEntries const entries = wireEntriesOf(list);
+    auto rest = std::find_if(entries.begin(), entries.end(), [](SWireEntry const& entry) {
+        return entry.value.tag == NO_TAG || entry.value.size > LARGEST_LAID_OUT;
+    });
+    MessagePointer message = layOut(head, entries.begin(), rest);
+    if (message == nullptr)
+    {
+        // The bus library's functions say what is wrong.
+        message = head.New();
+        rest = entries.begin();
+    }
+    putEntries(rest, entries.end(), message.get());
+    logDebug() << "nelo_rpc::dbus::fillDbusMessage done";
+    return message.release();
 }
 
 /// Reads what follows an index and a tag; the cause if that is not what the tag promises.
@@ -303,7 +415,7 @@ void dbusMessagePut(DBusMessageIter* iter, std::string const& value)
 {
     if (value.find('\0') != std::string::npos)
     {
-        failOn("String for DBusMessage should be without NUL");
+        failOn(TEXT_WITH_NUL);
     }
     dbusMessagePut(iter, value.c_str());
 }
@@ -329,17 +441,8 @@ void dbusMessagePut(DBusMessageIter* iter, std::pair<char const*, unsigned int> 
 void fillDbusMessage(types::CValueList const& list, DBusMessage* msg)
 {
     logDebug() << "nelo_rpc::dbus::fillDbusMessage, list=" << types::toString(list);
-    if (char const* const why = whyNotFootprint(list))
-    {
-        failOn(why);
-    }
-    DBusMessageIter iter;
-    dbus_message_iter_init_append(msg, &iter);
-    for (auto const& [index, entry] : list)
-    {
-        std::shared_ptr<types::CValue> const value = entry;
-        putValue(&iter, index, *value);
-    }
+    WireEntries const entries = wireEntriesOf(list);
+    putEntries(entries.begin(), entries.end(), msg);
     logDebug() << "nelo_rpc::dbus::fillDbusMessage done";
 }
 
@@ -377,37 +480,33 @@ std::string readValueList(DBusMessage* msg, types::CValueList& list)
 
 std::string whyNotSendable(types::CValueList const& list)
 {
+    SFootprint footprint;
     for (auto const& [index, value] : list)
     {
-        if (char const* const why = whyNotValue(*value))
+        SWireValue const wire = wireValueOf(*value);
+        char const* const why = wire.IsText() ? whyNotText(wire.data, wire.size) : nullptr;
+        if (why != nullptr)
         {
             return why;
         }
+        footprint.Add(wire);
     }
-    return types::toString(whyNotFootprint(list));
+    return types::toString(footprint.WhyTooLarge());
 }
 
 DBusMessage* valueListToFunctionCall(std::string const& destination, types::CValueList const& list)
 {
-    MessagePointer call =
-        requireMessage(dbus_message_new_method_call(destination.c_str(), OBJECT_PATH, INTERFACE, MEMBER));
-    fillDbusMessage(list, call.get());
-    return call.release();
+    return build({DBUS_MESSAGE_TYPE_METHOD_CALL, destination.c_str(), nullptr}, list);
 }
 
 DBusMessage* valueListToCallback(std::string const& destination, types::CValueList const& list)
 {
-    MessagePointer callback = requireMessage(dbus_message_new_signal(OBJECT_PATH, INTERFACE, MEMBER));
-    dbus_message_set_destination(callback.get(), destination.c_str());
-    fillDbusMessage(list, callback.get());
-    return callback.release();
+    return build({DBUS_MESSAGE_TYPE_SIGNAL, destination.c_str(), nullptr}, list);
 }
 
 DBusMessage* valueListToFunctionResult(DBusMessage* call, types::CValueList const& list)
 {
-    MessagePointer result = requireMessage(dbus_message_new_method_return(call));
-    fillDbusMessage(list, result.get());
-    return result.release();
+    return build({DBUS_MESSAGE_TYPE_METHOD_RETURN, dbus_message_get_sender(call), call}, list);
 }
 
 } // namespace nelo_rpc::dbus
