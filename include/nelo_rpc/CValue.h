@@ -67,7 +67,7 @@ public:
 
 private:
     T m_value;
-    std::string const& m_typeName;
+    std::string m_typeName;
 };
 
 extern template class CTypedValue<int>;
