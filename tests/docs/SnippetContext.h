@@ -4,6 +4,8 @@
 
 #include <nelo_rpc/dbusport/CLocalPort.h>
 #include <nelo_rpc/nelo_rpc.h>
+#include <nelo_rpc/testing/CPrivateBus.h>
+#include <nelo_rpc/testing/CScriptedServer.h>
 
 #include <syslog.h>
 
@@ -52,6 +54,23 @@ class CPool
 public:
     CThermostat* Take();
     void GiveBack(void* thermostat);
+};
+
+class ILamp
+{
+public:
+    virtual ~ILamp() = default;
+    virtual bool Dim(int percent) = 0;
+    nelo_rpc::CCallbackSender<int> OnDimmed;
+
+    static constexpr nelo_rpc::CInterface RPC{"Lamp", nelo_rpc::SFunction<&ILamp::Dim>{"Dim"},
+                                              nelo_rpc::SCallback<&ILamp::OnDimmed>{"OnDimmed"}};
+};
+
+class CLamp : public ILamp
+{
+public:
+    bool Dim(int percent) override { return percent <= 100; }
 };
 
 /// A snippet that is no declaration is the body of a function with these parameters.

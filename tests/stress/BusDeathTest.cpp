@@ -20,8 +20,6 @@
 #include <future>
 #include <list>
 #include <memory>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -264,14 +262,18 @@ private:
     std::string m_address;
 };
 
-/// The example of a policy that comes with the library, for a user and a group that there are here.
+/// As servers install it: one user may own the name, one group may call.
 std::string examplePolicy(std::string const& user, std::string const& group)
 {
-    std::ifstream file(NELO_RPC_EXAMPLE_POLICY);
-    std::stringstream text;
-    text << file.rdbuf();
-    std::string const forUser = std::regex_replace(text.str(), std::regex("user=\"climate\""), "user=\"" + user + "\"");
-    return std::regex_replace(forUser, std::regex("group=\"climate-users\""), "group=\"" + group + "\"");
+    return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+           "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\"><busconfig>"
+           "<policy user=\"" +
+           user +
+           "\"><allow own=\"org.example.climate\"/></policy>"
+           "<policy group=\"" +
+           group +
+           "\"><allow send_destination=\"org.example.climate\" send_type=\"method_call\" "
+           "send_path=\"/org/trelin/nelo_rpc\" send_interface=\"org.trelin.nelo_rpc.Event\"/></policy></busconfig>";
 }
 
 std::vector<std::string> const SERVER{NELO_RPC_STRESS_DIR "/StressServerProgram", SERVER_NAME};

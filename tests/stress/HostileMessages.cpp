@@ -124,7 +124,7 @@ void appendAnything(DBusMessage* message, std::mt19937& random)
 /// A call with a body that breaks the rules behind reserved entries that keep to them.
 SHostileClass illFormed(char const* name, Filler const& fill)
 {
-    return {name, EFate::Refused, false, [fill](Target const& target) {
+    return {name, EFate::Refused, [fill](Target const& target) {
                 MessagePtr message = callOfConnection(target, "ctor");
                 fill(message.get(), target);
                 return message;
@@ -134,54 +134,49 @@ SHostileClass illFormed(char const* name, Filler const& fill)
 /// A call whose body is all that the filler appends.
 SHostileClass bareBody(char const* name, Filler const& fill)
 {
-    return {name, EFate::Refused, false, [fill](Target const& target) {
+    return {name, EFate::Refused, [fill](Target const& target) {
                 MessagePtr message = rawCall(target.server);
                 fill(message.get(), target);
                 return message;
             }};
 }
 
-SHostileClass refusedByThePort(char const* name, Maker make)
+SHostileClass refused(char const* name, Maker make)
 {
-    return {name, EFate::Refused, false, std::move(make)};
-}
-
-SHostileClass refusedByTheHost(char const* name, Maker make)
-{
-    return {name, EFate::Refused, true, std::move(make)};
+    return {name, EFate::Refused, std::move(make)};
 }
 
 SHostileClass senseless(char const* name, Maker make)
 {
-    return {name, EFate::Either, false, std::move(make)};
+    return {name, EFate::Either, std::move(make)};
 }
 
 SHostileClass ignored(char const* name, Maker make)
 {
-    return {name, EFate::Ignored, false, std::move(make)};
+    return {name, EFate::Ignored, std::move(make)};
 }
 
 void addOtherHeaders(std::vector<SHostileClass>& classes)
 {
-    classes.push_back(refusedByThePort("another path", [](Target const& t) { return rawCall(t.server, "/another"); }));
-    classes.push_back(refusedByThePort("another interface", [](Target const& t) {
+    classes.push_back(refused("another path", [](Target const& t) { return rawCall(t.server, "/another"); }));
+    classes.push_back(refused("another interface", [](Target const& t) {
         MessagePtr message = callOfConnection(t, "ctor");
         dbus_message_set_interface(message.get(), "org.trelin.another");
         return message;
     }));
-    classes.push_back(refusedByThePort("another member", [](Target const& t) {
+    classes.push_back(refused("another member", [](Target const& t) {
         MessagePtr message = callOfConnection(t, "ctor");
         dbus_message_set_member(message.get(), "Another");
         return message;
     }));
-    classes.push_back(refusedByThePort("properties", [](Target const& t) {
+    classes.push_back(refused("properties", [](Target const& t) {
         return MessagePtr(dbus_message_new_method_call(t.server.c_str(), WIRE_PATH, DBUS_INTERFACE_PROPERTIES, "Get"));
     }));
-    classes.push_back({"introspection", EFate::Either, false, [](Target const& t) {
+    classes.push_back({"introspection", EFate::Either, [](Target const& t) {
                            return MessagePtr(dbus_message_new_method_call(t.server.c_str(), WIRE_PATH,
                                                                           DBUS_INTERFACE_INTROSPECTABLE, "Introspect"));
                        }});
-    classes.push_back({"ping", EFate::Answered, false, [](Target const& t) {
+    classes.push_back({"ping", EFate::Answered, [](Target const& t) {
                            return MessagePtr(dbus_message_new_method_call(t.server.c_str(), "/anything",
                                                                           DBUS_INTERFACE_PEER, "Ping"));
                        }});
@@ -346,12 +341,12 @@ void addOtherKinds(std::vector<SHostileClass>& classes)
 
 void addBorderlines(std::vector<SHostileClass>& classes)
 {
-    classes.push_back({"no interface", EFate::Answered, false, [](Target const& t) {
+    classes.push_back({"no interface", EFate::Answered, [](Target const& t) {
                            MessagePtr message = callOfStepper(t, "Steps");
                            dbus_message_set_interface(message.get(), nullptr);
                            return message;
                        }});
-    classes.push_back({"more arguments than are taken", EFate::Answered, false, [](Target const& t) {
+    classes.push_back({"more arguments than are taken", EFate::Answered, [](Target const& t) {
                            MessagePtr message = callOfStepper(t, "Steps");
                            for (int i = 0; i < 70; ++i)
                            {
@@ -359,21 +354,21 @@ void addBorderlines(std::vector<SHostileClass>& classes)
                            }
                            return message;
                        }});
-    classes.push_back({"entries that repeat, out of order", EFate::Answered, false, [](Target const& t) {
+    classes.push_back({"entries that repeat, out of order", EFate::Answered, [](Target const& t) {
                            MessagePtr message = callOfStepper(t, "nothing");
                            putInt(message.get(), -2, 0);
                            putInt(message.get(), -2, t.actorId);
                            putString(message.get(), -1, "Steps");
                            return message;
                        }});
-    classes.push_back({"indices from end to end", EFate::Answered, false, [](Target const& t) {
+    classes.push_back({"indices from end to end", EFate::Answered, [](Target const& t) {
                            MessagePtr message = callOfStepper(t, "Steps");
                            putInt(message.get(), std::numeric_limits<int>::min(), 0);
                            putInt(message.get(), std::numeric_limits<int>::max(), 0);
                            putString(message.get(), -3, "no connection id");
                            return message;
                        }});
-    classes.push_back({"an empty block of bytes of an odd kind", EFate::Answered, false, [](Target const& t) {
+    classes.push_back({"an empty block of bytes of an odd kind", EFate::Answered, [](Target const& t) {
                            MessagePtr message = callOfStepper(t, "Steps");
                            putBytes(message.get(), 0, {}, static_cast<int>(t.random() % 12) - 3);
                            return message;
@@ -405,39 +400,37 @@ void addBorderlines(std::vector<SHostileClass>& classes)
 
 void addWhatHostsMustRefuse(std::vector<SHostileClass>& classes)
 {
-    classes.push_back(
-        refusedByTheHost("ctor without a type", [](Target const& t) { return callOfConnection(t, "ctor"); }));
-    classes.push_back(refusedByTheHost("ctor of an integer", [](Target const& t) {
+    classes.push_back(refused("ctor without a type", [](Target const& t) { return callOfConnection(t, "ctor"); }));
+    classes.push_back(refused("ctor of an integer", [](Target const& t) {
         MessagePtr message = callOfConnection(t, "ctor");
         putInt(message.get(), 0, 1);
         return message;
     }));
-    classes.push_back(refusedByTheHost("ctor of an unknown type", [](Target const& t) {
+    classes.push_back(refused("ctor of an unknown type", [](Target const& t) {
         MessagePtr message = callOfConnection(t, "ctor");
         putString(message.get(), 0, "Nonsense");
         return message;
     }));
-    classes.push_back(
-        refusedByTheHost("dtor without an id", [](Target const& t) { return callOfConnection(t, "dtor"); }));
-    classes.push_back(refusedByTheHost("dtor of an unknown id", [](Target const& t) {
+    classes.push_back(refused("dtor without an id", [](Target const& t) { return callOfConnection(t, "dtor"); }));
+    classes.push_back(refused("dtor of an unknown id", [](Target const& t) {
         MessagePtr message = callOfConnection(t, "dtor");
         putInt(message.get(), 0, NEVER_MADE + static_cast<int>(t.random() % 1000));
         return message;
     }));
-    classes.push_back(refusedByTheHost("an unknown type under an unknown id",
-                                       [](Target const& t) { return callOf(t, "Nonsense", NEVER_MADE + 1, "Steps"); }));
-    classes.push_back(refusedByTheHost("no arguments", [](Target const& t) { return callOfStepper(t, "Step"); }));
-    classes.push_back(refusedByTheHost("an argument of another type", [](Target const& t) {
+    classes.push_back(refused("an unknown type under an unknown id",
+                              [](Target const& t) { return callOf(t, "Nonsense", NEVER_MADE + 1, "Steps"); }));
+    classes.push_back(refused("no arguments", [](Target const& t) { return callOfStepper(t, "Step"); }));
+    classes.push_back(refused("an argument of another type", [](Target const& t) {
         MessagePtr message = callOfStepper(t, "Burst");
         putString(message.get(), 0, "1");
         return message;
     }));
-    classes.push_back(refusedByTheHost("bytes of another kind", [](Target const& t) {
+    classes.push_back(refused("bytes of another kind", [](Target const& t) {
         MessagePtr message = callOfStepper(t, "Echo");
         putBytes(message.get(), 0, {1, 2, 3}, 77);
         return message;
     }));
-    classes.push_back(refusedByTheHost("a text of the other kind", [](Target const& t) {
+    classes.push_back(refused("a text of the other kind", [](Target const& t) {
         MessagePtr message = callOfStepper(t, "Step");
         putInt(message.get(), 0, 1);
         putCString(message.get(), 1, "text");

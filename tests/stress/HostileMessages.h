@@ -31,9 +31,6 @@ struct SHostileClass
     char const* name;
     EFate fate;
 
-    /// The port passes it on, since it is well-formed; it is the host that has to refuse it.
-    bool isForTheHost;
-
     std::function<MessagePtr(SHostileTarget const& target)> make;
 };
 

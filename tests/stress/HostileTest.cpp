@@ -76,10 +76,7 @@ public:
         EXPECT_NE(0, m_target.actorId);
         for (SHostileClass const& oneClass : hostileClasses())
         {
-            if (HOSTS_CAN_DISTRUST || !oneClass.isForTheHost)
-            {
-                m_classes.push_back(&oneClass);
-            }
+            m_classes.push_back(&oneClass);
         }
     }
 

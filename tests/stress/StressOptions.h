@@ -4,18 +4,6 @@
 
 /// The choices that campaigns vary, in the one place where they are made.
 
-/// Whether a host can be told not to trust its peers. While it cannot, a well-formed call that makes no sense ends it.
-inline constexpr bool HOSTS_CAN_DISTRUST = false;
-
-/// Whether a host can be told to cancel hung workers at cancellation points only.
-inline constexpr bool HOSTS_CAN_DEFER_KILLS = false;
-
-enum class EKillChoice
-{
-    Anywhere,
-    AtCancellationPoint
-};
-
 inline nelo_rpc::SPortOptions stressPortOptions(bool trusted)
 {
     nelo_rpc::SPortOptions options = nelo_rpc::SPortOptions::Recommended();
@@ -23,7 +11,11 @@ inline nelo_rpc::SPortOptions stressPortOptions(bool trusted)
     return options;
 }
 
-inline nelo_rpc::SHostOptions stressHostOptions(bool /*trusted*/, EKillChoice /*kill*/)
+inline nelo_rpc::SHostOptions stressHostOptions(bool trusted, nelo_rpc::EKill kill)
 {
-    return nelo_rpc::SHostOptions::Recommended();
+    nelo_rpc::SHostOptions options = nelo_rpc::SHostOptions::Recommended();
+    options.peers = trusted ? nelo_rpc::EPeers::Trusted : nelo_rpc::EPeers::Untrusted;
+    options.kill = kill;
+    options.maxActors = 0; // one campaign makes very many
+    return options;
 }

@@ -364,7 +364,7 @@ int main(int argc, char** argv)
     bool const trusted = options.Get("trusted") != 0;
     nelo_rpc::CDbusPort port(argv[1], true, stressPortOptions(trusted));
     nelo_rpc::SHostOptions hostOptions = stressHostOptions(
-        trusted, options.Get("deferred") != 0 ? EKillChoice::AtCancellationPoint : EKillChoice::Anywhere);
+        trusted, options.Get("deferred") != 0 ? nelo_rpc::EKill::AtCancellationPoint : nelo_rpc::EKill::Anywhere);
     hostOptions.hangLimitMs = options.Get("hang", hostOptions.hangLimitMs);
     hostOptions.hangCheckMs = options.Get("check", hostOptions.hangCheckMs);
     CTicker::Get().Start(options.Get("tick"));
