@@ -49,9 +49,8 @@ install(FILES ${PROJECT_BINARY_DIR}/nelo-rpc.pc DESTINATION ${CMAKE_INSTALL_LIBD
 
 # nelo_rpc_add_service, and what it makes for an example: documentation, and not in force.
 install(FILES cmake/nelo-rpc-service.cmake DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
-install(DIRECTORY packaging/service DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
+install(DIRECTORY cmake/service DESTINATION ${NELO_RPC_CMAKE_DIR} COMPONENT Development)
 include(cmake/nelo-rpc-service.cmake)
-set(nelo_rpc_service_templates ${PROJECT_SOURCE_DIR}/packaging/service)
 set(example ${PROJECT_BINARY_DIR}/example-service)
 nelo_rpc_write_service(${example} org.example.climate /usr/bin/climate-server climate.service climate climate-users FALSE
     "Example climate server")

@@ -19,10 +19,10 @@
 # NELO_RPC_POLICY_DIR to /etc/dbus-1/system.d. Since 0.1.
 
 set(NELO_RPC_POLICY_DIR share/dbus-1/system.d CACHE STRING "Where bus policies are installed")
-set(nelo_rpc_service_templates ${CMAKE_CURRENT_LIST_DIR}/service)
 
 # The files of a service, in a folder: <name>.conf, <unit>, and <name>.service for the activation.
 function(nelo_rpc_write_service folder name executable unit user group everybody description)
+    set(templates ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/service)
     set(caller_policies "user=\"${user}\"" "user=\"root\"")
     if(group)
         list(APPEND caller_policies "group=\"${group}\"")
@@ -32,15 +32,15 @@ function(nelo_rpc_write_service folder name executable unit user group everybody
     endif()
     list(REMOVE_DUPLICATES caller_policies)
 
-    file(READ ${nelo_rpc_service_templates}/callers.in callers_template)
+    file(READ ${templates}/callers.in callers_template)
     set(callers)
     foreach(caller IN LISTS caller_policies)
         string(CONFIGURE "${callers_template}" policy @ONLY)
         string(APPEND callers "${policy}")
     endforeach()
-    configure_file(${nelo_rpc_service_templates}/bus-policy.in ${folder}/${name}.conf @ONLY)
-    configure_file(${nelo_rpc_service_templates}/unit.in ${folder}/unit/${unit} @ONLY)
-    configure_file(${nelo_rpc_service_templates}/activation.in ${folder}/${name}.service @ONLY)
+    configure_file(${templates}/bus-policy.in ${folder}/${name}.conf @ONLY)
+    configure_file(${templates}/unit.in ${folder}/unit/${unit} @ONLY)
+    configure_file(${templates}/activation.in ${folder}/${name}.service @ONLY)
 endfunction()
 
 function(nelo_rpc_add_service)

@@ -25,7 +25,7 @@ def configure(work, *arguments, options=()):
     return subprocess.run(
         ["cmake", "-S", HERE, "-B", work / "build", f"-DCMAKE_INSTALL_PREFIX={work / 'usr'}",
          f"-DNELO_RPC_MODULE={ROOT / 'cmake/nelo-rpc-service.cmake'}",
-         f"-DNELO_RPC_TEMPLATES={ROOT / 'packaging/service'}", f"-DPROGRAM={PROGRAM}",
+         f"-DPROGRAM={PROGRAM}",
          f"-DARGUMENTS={';'.join(arguments)}", *options],
         capture_output=True, text=True, timeout=LIMIT_SECONDS * 2, check=False)
 
