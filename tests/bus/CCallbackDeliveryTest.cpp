@@ -94,7 +94,7 @@ protected:
     }
 
     static constexpr int HELD = -7;
-    static constexpr int AFTER_A_CALLBACK = 8; // the answer comes behind a callback
+    static constexpr int AFTER_A_CALLBACK = -8; // the answer comes behind a callback
 
     CInbox<int> m_received;
     CInbox<CRpcPort::ReplyFunction> m_held;

@@ -4,7 +4,7 @@
 /// usage: ServerProgram <bus name> [<hang limit in ms> <check period in ms> [<pause before the host in ms>]] [<choice>]
 ///
 /// choice:   "recommended": all that is recommended for a host; "own": the same, for clients of the server's user only;
-///           "point": kills at cancellation points. Without one the host's choices are the defaults.
+///           "point": kills at cancellation points, and reports. Without one the host's choices are the defaults.
 ///
 /// says:     "ready", "made <type>", "destroyed", "blocked" (a function waits for "release"), "hanging"
 /// is told:  fire <text>   every probe sends OnEvent        stream / still   sends them without a pause
@@ -340,6 +340,7 @@ nelo_rpc::SHostOptions optionsFor(std::string const& choice)
     {
         nelo_rpc::SHostOptions options;
         options.kill = nelo_rpc::EKill::AtCancellationPoint;
+        options.reportHangs = true;
         return options;
     }
     nelo_rpc::SHostOptions options = nelo_rpc::SHostOptions::Recommended();
