@@ -39,7 +39,7 @@ class CHangingPair
 {
 public:
     explicit CHangingPair(EKillChoice kill)
-        : m_server(m_name, {"hang=300", "check=100", "debug=1",
+        : m_server(m_name, {"hang=1500", "check=300", "debug=1",
                             kill == EKillChoice::AtCancellationPoint ? "deferred=1" : "deferred=0"}),
           m_witness(m_name, std::chrono::microseconds(1000))
     {
@@ -149,7 +149,6 @@ TEST_P(HungCode, IsKilledAndCostsNobodyElse)
     std::vector<SHungWay> const ways = waysFor(kill);
     std::vector<STally> tallies(ways.size());
     std::atomic<std::size_t> next{0};
-    std::atomic<int> kills{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 5; ++t)
     {
