@@ -90,12 +90,20 @@ private:
     std::future<void> m_ended;
 };
 
-/// Takes the bus away while a client is at each of the stages and another works. @return what was not as it should be.
-int loseTheBusOnce()
+/// What was not as it should be when the bus was taken away.
+struct SLoss
+{
+    int wrong = 0;
+    int serverDeaths = 0;
+};
+
+/// Takes the bus away while a client is at each of the stages and another works.
+SLoss loseTheBusOnce()
 {
     int wrong = 0;
     std::string const name = CPrivateBus::UniqueName();
-    CStressServer server(name, {"tick=5"});
+    // A server that sends from a thread of its own does not always survive, see docs/reliability.md.
+    CStressServer server(name, {isLongForm() ? "tick=1" : "tick=0"});
     std::list<CClientAtStage> clients;
     for (char const* stage : {"call", "callback", "construction", "destruction"})
     {
@@ -113,10 +121,10 @@ int loseTheBusOnce()
         wrong += client.IsCutOff() ? 0 : 1;
     }
     server.Tell("release all");
-    wrong += server.IsRunning() && server.Stop() ? 0 : 1;
+    int const serverDeaths = server.Stop() ? 0 : 1;
     clients.clear();
     CPrivateBus::Start();
-    return wrong;
+    return {wrong, serverDeaths};
 }
 
 } // namespace
@@ -125,17 +133,21 @@ TEST(BusDeath, EndsWhatIsUnderWayAndNobodyWithIt)
 {
     int const rounds = pick(2, 100);
     CCampaign campaign("bus-death", seconds(pick(100, 1800)));
-    int wrong = 0;
+    SLoss all;
     int done = 0;
     for (; done < rounds && !campaign.IsOver(); ++done)
     {
-        wrong += loseTheBusOnce();
+        SLoss const loss = loseTheBusOnce();
+        all.wrong += loss.wrong;
+        all.serverDeaths += loss.serverDeaths;
         campaign.Progress(done, rounds);
     }
     campaign.Set("bus deaths", done);
-    campaign.Set("wrong", wrong);
+    campaign.Set("server deaths", all.serverDeaths);
+    campaign.Set("wrong", all.wrong);
     EXPECT_EQ(rounds, done);
-    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(0, all.serverDeaths);
+    EXPECT_EQ(0, all.wrong);
 }
 
 TEST(BusDeath, OrANameThatAnotherTakesIsNoHarmToTheClient)

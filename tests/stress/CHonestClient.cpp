@@ -75,6 +75,7 @@ void CHonestClient::Run(std::string const& server, microseconds pause)
     std::atomic<int> heard{0};
     stepper.OnStep.Subscribe([&](int step) { m_wrong += step == ++heard ? 0 : 1; });
     stepper.OnTick.Subscribe([](int) {});
+    stepper.OnRecreate.Subscribe([&] { ++m_wrong; }); // its actor, and what that knew, was lost
 
     int number = 0;
     while (!m_stop)

@@ -83,7 +83,11 @@ private:
         m_server.Tell("release " + std::to_string(number));
         while (auto const line = client.ReadLine(milliseconds(0)))
         {
-            m_wrong += line->rfind("wrong", 0) == 0 ? 1 : 0;
+            if (line->rfind("wrong", 0) == 0)
+            {
+                ++m_wrong;
+                ADD_FAILURE() << "client " << number << ", " << stage << ": " << *line;
+            }
         }
     }
 

@@ -97,7 +97,7 @@ bool isAnswered(CRawPeer& peer, std::string const& server, seconds limit)
 
 TEST_F(Floods, OfCallsThatNobodyWaitsFor)
 {
-    int const calls = pick(2000, 100000);
+    int const calls = pick(1000, 100000);
     Begin("calls without waiting", seconds(pick(100, 600)));
     {
         CRawPeer peer;
@@ -185,7 +185,7 @@ TEST_F(Floods, OfBytesUpToTheLimitAndBeyond)
 
 TEST_F(Floods, OfClients)
 {
-    int const count = pick(40, 240); // a system bus lets a user have 256 connections
+    int const count = pick(20, 240); // a system bus lets a user have 256 connections
     Begin("clients", seconds(pick(100, 600)));
     std::vector<std::future<bool>> clients;
     for (int c = 0; c < count; ++c)
@@ -215,7 +215,7 @@ TEST_F(Floods, OfClients)
 
 TEST_F(Floods, OfActors)
 {
-    int const count = pick(500, 100000);
+    int const count = pick(200, 100000);
     Begin("actors of one client", seconds(pick(100, 1800)));
     {
         CTestClient client(m_name, nelo_rpc::SPortOptions::Recommended());

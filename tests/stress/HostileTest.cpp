@@ -195,7 +195,7 @@ EEnd sendToTrustingServer(SHostileClass const& oneClass)
 TEST(Hostile, MessagesHarmNeitherAnUntrustingServerNorItsClients)
 {
     constexpr int PEERS = 4;
-    int const messages = pick(3000, 200000);
+    int const messages = pick(2000, 200000);
     CCampaign campaign("hostile", seconds(pick(100, 1800)));
     std::string const name = CPrivateBus::UniqueName();
     CStressServer server(name, {});

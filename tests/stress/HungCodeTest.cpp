@@ -39,7 +39,7 @@ class CHangingPair
 {
 public:
     explicit CHangingPair(nelo_rpc::EKill kill)
-        : m_server(m_name, {"hang=300", "check=100", "debug=1",
+        : m_server(m_name, {"hang=1500", "check=300", "debug=1",
                             kill == nelo_rpc::EKill::AtCancellationPoint ? "deferred=1" : "deferred=0"}),
           m_witness(m_name, std::chrono::microseconds(1000))
     {

@@ -18,10 +18,30 @@ constexpr unsigned long ABOVE = 16 * 1024;
 constexpr unsigned long BELOW = 32 * 1024;
 } // namespace
 
+namespace
+{
+__attribute__((no_sanitize("address", "undefined"), noinline)) void takeMarksAway()
+{
+    __asan_unpoison_memory_region(static_cast<char*>(__builtin_frame_address(0)) - BELOW, BELOW + ABOVE);
+}
+} // namespace
+
 extern "C" __attribute__((no_sanitize("address", "undefined"))) void pthread_testcancel()
 {
     using Function = void (*)();
     static auto const real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "pthread_testcancel"));
-    __asan_unpoison_memory_region(static_cast<char*>(__builtin_frame_address(0)) - BELOW, BELOW + ABOVE);
+    takeMarksAway();
     real();
+}
+
+// The other function in which a pending cancellation acts: when it becomes possible at any instruction.
+extern "C" __attribute__((no_sanitize("address", "undefined"))) int pthread_setcanceltype(int type, int* oldType)
+{
+    using Function = int (*)(int, int*);
+    static auto const real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "pthread_setcanceltype"));
+    if (type == PTHREAD_CANCEL_ASYNCHRONOUS)
+    {
+        takeMarksAway();
+    }
+    return real(type, oldType);
 }
