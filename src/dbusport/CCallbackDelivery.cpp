@@ -7,7 +7,6 @@
 #include "CDbusPortIo.h"
 
 #include <cstdlib>
-#include <deque>
 #include <thread>
 #include <utility>
 
@@ -45,7 +44,7 @@ public:
             m_io.delivering = false;
             m_io.changed.notify_all();
         }
-        m_io.KickOut();
+        m_io.Kick();
         m_readerThread.join();
         m_handlerThread.join();
         std::lock_guard<std::mutex> const lock(m_io.mutex);
@@ -55,11 +54,17 @@ public:
 private:
     using EReader = CDbusPort::EReader;
 
+    bool IsDelivering()
+    {
+        std::lock_guard<std::mutex> const lock(m_io.mutex);
+        return m_io.delivering;
+    }
+
     void Read()
     {
         {
             CDbusPort::CIo::CInside const inside(m_io);
-            while (m_io.delivering && dbus_connection_read_write_dispatch(m_port.m_connection, 0))
+            while (IsDelivering() && dbus_connection_read_write_dispatch(m_port.m_connection, 0))
             {
                 if (dbus_connection_get_dispatch_status(m_port.m_connection) == DBUS_DISPATCH_COMPLETE)
                 {
@@ -72,25 +77,20 @@ private:
 
     void RunHandlers()
     {
-        std::deque<types::CValueList> callbacks;
+        std::unique_lock<std::mutex> lock(m_io.mutex);
         while (m_io.delivering)
         {
-            if (callbacks.empty())
+            if (m_io.callbacks.empty())
             {
-                callbacks = TakeCallbacks();
+                m_io.changed.wait(lock);
                 continue;
             }
-            m_port.OnCallback(callbacks.front());
-            callbacks.pop_front();
+            types::CValueList callback = std::move(m_io.callbacks.front());
+            m_io.callbacks.pop_front();
+            lock.unlock();
+            m_port.OnCallback(callback);
+            lock.lock();
         }
-    }
-
-    /// Waits for some.
-    std::deque<types::CValueList> TakeCallbacks()
-    {
-        std::unique_lock<std::mutex> lock(m_io.mutex);
-        m_io.changed.wait(lock, [this] { return !m_io.callbacks.empty() || !m_io.delivering; });
-        return std::exchange(m_io.callbacks, {});
     }
 
     CDbusPort& m_port;

@@ -35,9 +35,6 @@ constexpr int IDLE_WAIT_MS = 200;
 /// What libdbus takes -1 for.
 constexpr int DEFAULT_TIMEOUT_MS = 25000;
 
-/// libdbus's way to say never.
-constexpr int NO_TIMEOUT_MS = INT_MAX;
-
 /// How much one DispatchCallbacks() does at most, so that it returns also while messages arrive faster than they are
 /// handled.
 constexpr int DISPATCH_LIMIT = 200;
@@ -61,13 +58,36 @@ void keepForEver(DBusConnection* connection, std::set<DBusMessage*> unanswered)
     kept.emplace_back(connection, std::move(unanswered));
 }
 
+/// What a thread waits for that does not read the connection itself.
+struct SReply
+{
+    std::mutex& mutex;
+    std::condition_variable& changed;
+    bool completed = false;
+};
+
+/// Runs on the thread that reads the connection, or on the waiting one if the reply was quicker.
+void onReply(DBusPendingCall*, void* data)
+{
+    auto& reply = **static_cast<std::shared_ptr<SReply>*>(data);
+    std::lock_guard<std::mutex> const lock(reply.mutex);
+    reply.completed = true;
+    reply.changed.notify_all();
+}
+
+void freeReply(void* data)
+{
+    delete static_cast<std::shared_ptr<SReply>*>(data);
+}
+
 std::chrono::steady_clock::time_point deadlineIn(int timeoutMs)
 {
-    if (timeoutMs == NO_TIMEOUT_MS)
+    auto const now = std::chrono::steady_clock::now();
+    if (timeoutMs == INT_MAX)
     {
-        return std::chrono::steady_clock::time_point::max();
+        return std::chrono::steady_clock::time_point::max(); // libdbus's way to say never
     }
-    return std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
+    return now + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
 }
 
 /// Whether anybody waits for an answer. A message without a serial was not sent, and cannot be replied to.
@@ -233,7 +253,7 @@ CDbusPort::~CDbusPort()
             dbus_connection_close(m_connection);
         }
         m_io->closing = true;
-        m_io->KickOut();
+        m_io->Kick();
     }
     m_io->senders->WaitForOthers();
     if (m_reciverThread.joinable())
@@ -450,10 +470,8 @@ void CDbusPort::HandleCallback(types::CValueList& list)
         return;
     }
     // The reading thread completes calls too, so handlers, which may make some, run on another.
-    {
-        std::lock_guard<std::mutex> const lock(m_io->mutex);
-        m_io->callbacks.push_back(std::move(list));
-    }
+    std::lock_guard<std::mutex> const lock(m_io->mutex);
+    m_io->callbacks.push_back(std::move(list));
     m_io->changed.notify_all();
 }
 
@@ -559,7 +577,6 @@ types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int con
 
 DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure) const
 {
-    CIo::CReadInstead readInstead(*m_io, m_connection);
     if (!IsReadBy(EReader::Thread))
     {
         dbus::CError error;
@@ -569,7 +586,8 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::st
         return reply;
     }
 
-    // Waiting inside libdbus would dispatch nothing, however long the call takes, and compete with the reading thread.
+    // Waiting inside libdbus would compete with the reading thread for the connection, so that thread completes the
+    // call and this one only waits.
     DBusPendingCall* sent = nullptr;
     if (!dbus_connection_send_with_reply(m_connection, message, &sent, timeoutMs) || sent == nullptr)
     {
@@ -577,10 +595,27 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::st
         return nullptr;
     }
     dbus::PendingCallPointer const pending(sent);
+    auto const reply = std::make_shared<SReply>(SReply{m_io->mutex, m_io->changed});
+    dbus_pending_call_set_notify(sent, &onReply, new std::shared_ptr<SReply>(reply), &freeReply);
+    bool const alreadyCompleted = dbus_pending_call_get_completed(sent); // before there was anybody to notify
+
+    std::unique_lock<std::mutex> lock(m_io->mutex);
+    auto const isOver = [&] { return alreadyCompleted || reply->completed || m_io->reader != EReader::Thread; };
     auto const deadline = deadlineIn(timeoutMs);
-    if (!readInstead.ReadReply(sent, dbus_message_get_serial(message), deadline))
+    if (deadline == std::chrono::steady_clock::time_point::max())
     {
-        m_io->WaitForReply(sent, deadline);
+        m_io->changed.wait(lock, isOver);
+    }
+    else
+    {
+        m_io->changed.wait_until(lock, deadline, isOver);
+    }
+    bool const abandoned = !reply->completed && !alreadyCompleted && m_io->reader != EReader::Thread;
+    lock.unlock();
+
+    if (abandoned)
+    {
+        dbus_pending_call_block(sent); // nobody reads any more, so this thread may
     }
     if (!dbus_pending_call_get_completed(sent))
     {
@@ -776,7 +811,7 @@ void CDbusPort::Unfilter()
 int CDbusPort::GetPollFd()
 {
     CCancellationGuard const guard;
-    return StartReading(EReader::Loop) ? m_io->GetPollFd() : -1;
+    return StartReading(EReader::Loop) ? m_io->GetPollFd(m_connection) : -1;
 }
 
 void CDbusPort::DispatchCallbacks()

@@ -1,5 +1,4 @@
 #include "BusTest.h"
-#include "ThreadSwitches.h"
 
 #include <dlfcn.h>
 #include <sys/syscall.h>
@@ -201,56 +200,6 @@ TEST_F(CCallbackDeliveryOnBus, DeliversWhileAnotherThreadIsInsideACall)
     ReleaseHeld();
     ASSERT_TRUE(isReady(call));
     EXPECT_EQ(HELD, call.get());
-}
-
-TEST_F(CCallbackDeliveryOnBus, SleepsOnWhileCallsReadTheirReplies)
-{
-    constexpr int CALLS = 300;
-    auto const others = threadsOfProcess();
-    CCallbackDelivery const delivery(m_port);
-    auto threads = threadsOfProcess();
-    for (int const other : others)
-    {
-        threads.erase(other);
-    }
-    ASSERT_EQ(2u, threads.size());
-    auto const countSleeps = [&] {
-        long sleeps = 0;
-        for (int const thread : threads)
-        {
-            sleeps += countSleepsOf(thread);
-        }
-        return sleeps;
-    };
-    SendCallbacks(0, 1);
-    ASSERT_TRUE(m_received.WaitForCount(1)); // both threads are at work
-
-    long const before = countSleeps();
-    for (int i = 0; i < CALLS; ++i)
-    {
-        ASSERT_EQ(i, intOf(m_port.CallFunction(listOf(i), 0)));
-    }
-
-    EXPECT_LT(countSleeps() - before, CALLS / 3);
-}
-
-TEST_F(CCallbackDeliveryOnBus, DeliversWhatArrivesBehindAReplyOrBeforeOne)
-{
-    CCallbackDelivery const delivery(m_port);
-    m_serverPort.SetFunctionCallListener([&](CValueList const& list, int id, CRpcPort::ReplyFunction const& reply) {
-        int const first = intOf(list);
-        EXPECT_TRUE(m_serverPort.SendCallback(listOf(first), id));
-        EXPECT_TRUE(m_serverPort.SendCallback(listOf(first + 1), id));
-        reply(list);
-        EXPECT_TRUE(m_serverPort.SendCallback(listOf(first + 2), id));
-    });
-    for (int first = 0; first < 300; first += 3)
-    {
-        ASSERT_EQ(first, intOf(m_port.CallFunction(listOf(first), 0)));
-        ASSERT_TRUE(m_received.WaitForCount(static_cast<std::size_t>(first) + 3)) << "none waits for the next call";
-    }
-
-    EXPECT_EQ(Range(0, 300), m_received.All());
 }
 
 TEST_F(CCallbackDeliveryOnBus, KeepsTheOrderWhileOtherThreadsCallAllTheTime)
@@ -606,19 +555,6 @@ TEST_F(CCallbackDeliveryOnBus, MayEndWhileACallIsOpen)
     EXPECT_EQ(HELD, call.get());
     ASSERT_TRUE(isReady(ended));
     EXPECT_EQ(5, intOf(m_port.CallFunction(listOf(5), 0)));
-}
-
-TEST_F(CCallbackDeliveryOnBus, EndsAtOnceWhileACallIsOpen)
-{
-    auto delivery = std::make_unique<CCallbackDelivery>(m_port);
-    auto call = StartHeldCall();
-    auto ended = std::async(std::launch::async, [&] { delivery.reset(); });
-
-    EXPECT_TRUE(isReady(ended));
-    EXPECT_FALSE(isReady(call, milliseconds(0)));
-    ReleaseHeld();
-    ASSERT_TRUE(isReady(call));
-    EXPECT_EQ(HELD, call.get());
 }
 
 TEST_F(CCallbackDeliveryOnBus, ComesAndGoesWhileThreadsCallAndCallbacksArrive)

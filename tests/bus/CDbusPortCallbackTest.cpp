@@ -1,5 +1,4 @@
 #include "BusTest.h"
-#include "ThreadSwitches.h"
 
 #include <atomic>
 #include <climits>
@@ -79,52 +78,6 @@ TEST_F(CDbusPortCallback, ToAPeerThatLeftIsNotSent)
     EXPECT_FALSE(m_port.SendCallback(listOf(2), id));
     EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendCallback failed, can't connect to " + name));
     EXPECT_EQ(0, log.Count("nelo_rpc::dbus::fillDbusMessage")) << "no message is even built";
-}
-
-TEST_F(CDbusPortCallback, LetsTheReceiverSleepWhileTheBusIsAsked)
-{
-    constexpr int QUESTIONS = 300;
-    std::string const name = CPrivateBus::UniqueName();
-    CLogCapture log;
-    CEchoPort echo(name);
-    int const receiver = waitForReceiver(log);
-    ASSERT_NE(0, receiver);
-    ASSERT_EQ(0, echo.Get().AddConnection(m_peer.GetUniqueName()));
-    CDbusPort client(m_client.c_str(), name.c_str(), false);
-    ASSERT_EQ(1, intOf(client.CallFunction(listOf(1), 0))); // the receiver is at work
-
-    long const before = countSleepsOf(receiver);
-    for (int i = 0; i < QUESTIONS; ++i)
-    {
-        ASSERT_TRUE(echo.Get().IsConnected(0));
-    }
-
-    EXPECT_LT(countSleepsOf(receiver) - before, QUESTIONS / 3);
-}
-
-TEST_F(CDbusPortCallback, KeepsNoCallWaitingWhileThreadsAskTheBusAllTheTime)
-{
-    std::string const name = CPrivateBus::UniqueName();
-    CEchoPort echo(name);
-    ASSERT_EQ(0, echo.Get().AddConnection(m_peer.GetUniqueName()));
-    std::atomic<bool> stop{false};
-    std::vector<std::future<void>> askers;
-    for (int t = 0; t < 2; ++t)
-    {
-        askers.push_back(std::async(std::launch::async, [&] {
-            while (!stop)
-            {
-                EXPECT_TRUE(echo.Get().IsConnected(0));
-            }
-        }));
-    }
-    CDbusPort client(m_client.c_str(), name.c_str(), false);
-    client.SetTimeoutMs(10000);
-    for (int i = 0; i < 100; ++i)
-    {
-        EXPECT_EQ(i, intOf(client.CallFunction(listOf(i), 0)));
-    }
-    stop = true;
 }
 
 TEST_F(CDbusPortCallback, ToANameThatNobodyOwnsIsNotSent)
