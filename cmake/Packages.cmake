@@ -43,6 +43,9 @@ calls them with typed functions and receives their typed callbacks.
 .
 This package has the headers, a CMake package and a pkg-config file.")
 
+# The program's library is in no package yet when its dependencies are looked for.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME nelo-rpc-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library} ${this_version}")
