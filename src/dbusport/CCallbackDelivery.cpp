@@ -7,6 +7,7 @@
 #include "CDbusPortIo.h"
 
 #include <cstdlib>
+#include <deque>
 #include <thread>
 #include <utility>
 
@@ -44,7 +45,7 @@ public:
             m_io.delivering = false;
             m_io.changed.notify_all();
         }
-        m_io.Kick();
+        m_io.KickOut();
         m_readerThread.join();
         m_handlerThread.join();
         std::lock_guard<std::mutex> const lock(m_io.mutex);
@@ -54,17 +55,11 @@ public:
 private:
     using EReader = CDbusPort::EReader;
 
-    bool IsDelivering()
-    {
-        std::lock_guard<std::mutex> const lock(m_io.mutex);
-        return m_io.delivering;
-    }
-
     void Read()
     {
         {
             CDbusPort::CIo::CInside const inside(m_io);
-            while (IsDelivering() && dbus_connection_read_write_dispatch(m_port.m_connection, 0))
+            while (m_io.delivering && dbus_connection_read_write_dispatch(m_port.m_connection, 0))
             {
                 if (dbus_connection_get_dispatch_status(m_port.m_connection) == DBUS_DISPATCH_COMPLETE)
                 {
@@ -77,20 +72,25 @@ private:
 
     void RunHandlers()
     {
-        std::unique_lock<std::mutex> lock(m_io.mutex);
+        std::deque<types::CValueList> callbacks;
         while (m_io.delivering)
         {
-            if (m_io.callbacks.empty())
+            if (callbacks.empty())
             {
-                m_io.changed.wait(lock);
+                callbacks = TakeCallbacks();
                 continue;
             }
-            types::CValueList callback = std::move(m_io.callbacks.front());
-            m_io.callbacks.pop_front();
-            lock.unlock();
-            m_port.OnCallback(callback);
-            lock.lock();
+            m_port.OnCallback(callbacks.front());
+            callbacks.pop_front();
         }
+    }
+
+    /// Waits for some.
+    std::deque<types::CValueList> TakeCallbacks()
+    {
+        std::unique_lock<std::mutex> lock(m_io.mutex);
+        m_io.changed.wait(lock, [this] { return !m_io.callbacks.empty() || !m_io.delivering; });
+        return std::exchange(m_io.callbacks, {});
     }
 
     CDbusPort& m_port;

@@ -35,18 +35,15 @@ constexpr int IDLE_WAIT_MS = 200;
 /// What libdbus takes -1 for.
 constexpr int DEFAULT_TIMEOUT_MS = 25000;
 
+/// libdbus's way to say never.
+constexpr int NO_TIMEOUT_MS = INT_MAX;
+
 /// How much one DispatchCallbacks() does at most, so that it returns also while messages arrive faster than they are
 /// handled.
 constexpr int DISPATCH_LIMIT = 200;
 
 /// A line number that is part of a log text, whatever the source looks like.
 constexpr int NEW_CLIENT_LINE = 122;
-
-/// libdbus's frames cannot be unwound, so an exception of a listener ends the process here.
-DBusHandlerResult filterMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept
-{
-    return static_cast<DBusHandlerResult>(static_cast<CDbusPort*>(port)->OnDbusMessage(connection, message));
-}
 
 /// Connections are closed but never given back to libdbus, and calls that were never answered keep their messages; here
 /// a leak checker finds both.
@@ -58,36 +55,13 @@ void keepForEver(DBusConnection* connection, std::set<DBusMessage*> unanswered)
     kept.emplace_back(connection, std::move(unanswered));
 }
 
-/// What a thread waits for that does not read the connection itself.
-struct SReply
-{
-    std::mutex& mutex;
-    std::condition_variable& changed;
-    bool completed = false;
-};
-
-/// Runs on the thread that reads the connection, or on the waiting one if the reply was quicker.
-void onReply(DBusPendingCall*, void* data)
-{
-    auto& reply = **static_cast<std::shared_ptr<SReply>*>(data);
-    std::lock_guard<std::mutex> const lock(reply.mutex);
-    reply.completed = true;
-    reply.changed.notify_all();
-}
-
-void freeReply(void* data)
-{
-    delete static_cast<std::shared_ptr<SReply>*>(data);
-}
-
 std::chrono::steady_clock::time_point deadlineIn(int timeoutMs)
 {
-    auto const now = std::chrono::steady_clock::now();
-    if (timeoutMs == INT_MAX)
+    if (timeoutMs == NO_TIMEOUT_MS)
     {
-        return std::chrono::steady_clock::time_point::max(); // libdbus's way to say never
+        return std::chrono::steady_clock::time_point::max();
     }
-    return now + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
+    return std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
 }
 
 /// Whether anybody waits for an answer. A message without a serial was not sent, and cannot be replied to.
@@ -100,7 +74,7 @@ bool isAnswerable(DBusMessage* call)
 DBusMessage* replyOrFailure(dbus::MessagePointer reply, std::string& failure)
 {
     dbus::CError error;
-    if (dbus_set_error_from_message(error.Get(), reply.get()))
+    if (reply != nullptr && dbus_set_error_from_message(error.Get(), reply.get()))
     {
         failure = error.Message();
         return nullptr;
@@ -214,6 +188,7 @@ void CDbusPort::Receive()
     logDebug() << "start m_reciverThread !";
     CIo::CInside const inside(*m_io);
     HoldFirstDispatchBack();
+    m_io->SetReader(EReader::Receiver);
     while (dbus_connection_read_write_dispatch(m_connection, 0))
     {
         if (dbus_connection_get_dispatch_status(m_connection) == DBUS_DISPATCH_COMPLETE)
@@ -221,6 +196,7 @@ void CDbusPort::Receive()
             m_io->Wait(m_connection, IDLE_WAIT_MS);
         }
     }
+    m_io->SetReader(EReader::Nobody);
 }
 
 void CDbusPort::HoldFirstDispatchBack()
@@ -253,7 +229,7 @@ CDbusPort::~CDbusPort()
             dbus_connection_close(m_connection);
         }
         m_io->closing = true;
-        m_io->Kick();
+        m_io->KickOut();
     }
     m_io->senders->WaitForOthers();
     if (m_reciverThread.joinable())
@@ -470,8 +446,10 @@ void CDbusPort::HandleCallback(types::CValueList& list)
         return;
     }
     // The reading thread completes calls too, so handlers, which may make some, run on another.
-    std::lock_guard<std::mutex> const lock(m_io->mutex);
-    m_io->callbacks.push_back(std::move(list));
+    {
+        std::lock_guard<std::mutex> const lock(m_io->mutex);
+        m_io->callbacks.push_back(std::move(list));
+    }
     m_io->changed.notify_all();
 }
 
@@ -542,8 +520,8 @@ types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int con
     if (failure.empty())
     {
         dbus::MessagePointer const message(dbus::valueListToFunctionCall(destination, call));
-        std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
-        reply.reset(SendAndWait(message.get(), timeoutMs, failure));
+        std::unique_lock<std::recursive_mutex> lock(m_sendMutex);
+        reply.reset(SendAndWait(message.get(), timeoutMs, failure, lock));
         DropUndelivered();
         lost = IsLost();
     }
@@ -575,9 +553,11 @@ types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int con
     return result;
 }
 
-DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure) const
+DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure,
+                                    std::unique_lock<std::recursive_mutex>& sendLock) const
 {
-    if (!IsReadBy(EReader::Thread))
+    bool const isReceived = IsReadBy(EReader::Receiver);
+    if (!isReceived && !IsReadBy(EReader::Thread))
     {
         dbus::CError error;
         DBusMessage* const reply =
@@ -585,45 +565,28 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::st
         failure = error.IsSet() ? error.Message() : "";
         return reply;
     }
-
-    // Waiting inside libdbus would compete with the reading thread for the connection, so that thread completes the
-    // call and this one only waits.
-    DBusPendingCall* sent = nullptr;
-    if (!dbus_connection_send_with_reply(m_connection, message, &sent, timeoutMs) || sent == nullptr)
+    dbus::MessagePointer reply;
+    if (!m_io->IsInside())
     {
-        failure = "the connection to the bus is closed";
-        return nullptr;
+        CIo::CQuestion question(*m_io, m_connection);
+        bool const sent = question.Send(message);
+        if (isReceived)
+        {
+            sendLock.unlock(); // a listener may want it, on the thread that has to take the answer
+        }
+        reply.reset(sent ? question.Wait(deadlineIn(timeoutMs)) : nullptr);
     }
-    dbus::PendingCallPointer const pending(sent);
-    auto const reply = std::make_shared<SReply>(SReply{m_io->mutex, m_io->changed});
-    dbus_pending_call_set_notify(sent, &onReply, new std::shared_ptr<SReply>(reply), &freeReply);
-    bool const alreadyCompleted = dbus_pending_call_get_completed(sent); // before there was anybody to notify
-
-    std::unique_lock<std::mutex> lock(m_io->mutex);
-    auto const isOver = [&] { return alreadyCompleted || reply->completed || m_io->reader != EReader::Thread; };
-    auto const deadline = deadlineIn(timeoutMs);
-    if (deadline == std::chrono::steady_clock::time_point::max())
+    else if (dbus_connection_get_is_connected(m_connection))
     {
-        m_io->changed.wait(lock, isOver);
+        sendLock.unlock();
+        return m_io->side.Ask(message, timeoutMs, failure);
     }
-    else
+    if (reply == nullptr)
     {
-        m_io->changed.wait_until(lock, deadline, isOver);
+        failure = dbus_connection_get_is_connected(m_connection) ? "no reply within the time-out"
+                                                                 : "the connection to the bus is closed";
     }
-    bool const abandoned = !reply->completed && !alreadyCompleted && m_io->reader != EReader::Thread;
-    lock.unlock();
-
-    if (abandoned)
-    {
-        dbus_pending_call_block(sent); // nobody reads any more, so this thread may
-    }
-    if (!dbus_pending_call_get_completed(sent))
-    {
-        dbus_pending_call_cancel(sent);
-        failure = "no reply within the time-out";
-        return nullptr;
-    }
-    return replyOrFailure(dbus::MessagePointer(dbus_pending_call_steal_reply(sent)), failure);
+    return replyOrFailure(std::move(reply), failure);
 }
 
 DBusMessage* CDbusPort::AskBus(char const* question, std::string const& name, bool& lost) const
@@ -636,9 +599,9 @@ DBusMessage* CDbusPort::AskBus(char const* question, std::string const& name, bo
         dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, question));
     char const* const text = name.c_str();
     dbus_message_append_args(asked.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
-    std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
+    std::unique_lock<std::recursive_mutex> lock(m_sendMutex);
     std::string failure;
-    DBusMessage* const answer = SendAndWait(asked.get(), -1, failure);
+    DBusMessage* const answer = SendAndWait(asked.get(), -1, failure, lock);
     DropUndelivered();
     lost = IsLost();
     return answer;
@@ -786,14 +749,12 @@ bool CDbusPort::StartReading(EReader reader)
 void CDbusPort::StopReading()
 {
     Unfilter();
-    std::lock_guard<std::mutex> const lock(m_io->mutex);
-    m_io->reader = EReader::Nobody;
-    m_io->changed.notify_all();
+    m_io->SetReader(EReader::Nobody);
 }
 
 void CDbusPort::Filter()
 {
-    dbus_connection_add_filter(m_connection, &filterMessage, this, nullptr);
+    dbus_connection_add_filter(m_connection, &CIo::OnMessage, this, nullptr);
     m_io->Attach(m_connection);
     m_io->filtering = true;
 }
@@ -804,14 +765,14 @@ void CDbusPort::Unfilter()
     if (m_io->filtering.exchange(false))
     {
         CIo::Detach(m_connection);
-        dbus_connection_remove_filter(m_connection, &filterMessage, this);
+        dbus_connection_remove_filter(m_connection, &CIo::OnMessage, this);
     }
 }
 
 int CDbusPort::GetPollFd()
 {
     CCancellationGuard const guard;
-    return StartReading(EReader::Loop) ? m_io->GetPollFd(m_connection) : -1;
+    return StartReading(EReader::Loop) ? m_io->GetPollFd() : -1;
 }
 
 void CDbusPort::DispatchCallbacks()
@@ -826,6 +787,10 @@ void CDbusPort::DispatchCallbacks()
     if (!DispatchSome())
     {
         m_io->Kick(); // there is more: the descriptor stays readable
+    }
+    else if (!dbus_connection_get_is_connected(m_connection))
+    {
+        m_io->StopWatching();
     }
 }
 

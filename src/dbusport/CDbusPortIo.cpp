@@ -2,11 +2,13 @@
 
 #include "../SystemLog.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <system_error>
@@ -30,10 +32,11 @@ int fdOrError(int fd)
     return fd;
 }
 
-int fdOf(DBusConnection* connection)
+/// A descriptor of our own for the connection's socket: libdbus closes its own one while others may wait for it.
+int duplicateFdOf(DBusConnection* connection)
 {
     int fd = -1;
-    return dbus_connection_get_unix_fd(connection, &fd) ? fd : -1;
+    return dbus_connection_get_unix_fd(connection, &fd) ? ::fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
 }
 
 /// The longest wait when nothing can wake it.
@@ -43,16 +46,21 @@ void addTo(int epollFd, int fd)
 {
     epoll_event event{};
     event.events = EPOLLIN;
+    event.data.fd = fd;
     ::epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event);
 }
 
 } // namespace
 
-CDbusPort::CIo::CIo() : m_eventFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
+CDbusPort::CIo::CIo()
+    : m_eventFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
+      m_epollFd(fdOrError(::epoll_create1(EPOLL_CLOEXEC)))
+{
+}
 
 CDbusPort::CIo::~CIo()
 {
-    for (int const fd : {m_eventFd, m_epollFd})
+    for (int const fd : {m_eventFd, m_epollFd, m_fd})
     {
         if (fd >= 0)
         {
@@ -63,6 +71,13 @@ CDbusPort::CIo::~CIo()
 
 void CDbusPort::CIo::Attach(DBusConnection* connection)
 {
+    if (m_fd < 0)
+    {
+        m_fd = fdOrError(duplicateFdOf(connection));
+        m_watched = EPOLLIN;
+        addTo(m_epollFd, m_eventFd);
+        addTo(m_epollFd, m_fd);
+    }
     // Both run inside libdbus, on any thread, so they do nothing but write the eventfd. Without the first, what a
     // thread could not send at once would wait for the next arrival; without the second, what a thread read while it
     // waited for its own reply would.
@@ -96,6 +111,20 @@ void CDbusPort::CIo::Kick() const
     [[maybe_unused]] auto const written = ::write(m_eventFd, &one, sizeof(one));
 }
 
+void CDbusPort::CIo::SetReader(EReader newReader)
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    reader = newReader;
+    changed.notify_all();
+}
+
+void CDbusPort::CIo::KickOut()
+{
+    Kick();
+    std::lock_guard<std::mutex> const lock(mutex);
+    m_handedBack.notify_all();
+}
+
 void CDbusPort::CIo::Drain() const
 {
     std::uint64_t kicks = 0;
@@ -108,17 +137,64 @@ int CDbusPort::CIo::Bounded(int timeoutMs) const
     return m_eventFd < 0 && isTooLong ? UNWAKEABLE_WAIT_MS : timeoutMs;
 }
 
-void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs) const
+void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs)
 {
-    pollfd waited[2] = {{m_eventFd, POLLIN, 0}, {fdOf(connection), POLLIN, 0}};
+    if (m_epollFd < 0)
+    {
+        PollFor(connection, timeoutMs);
+        Drain();
+        return;
+    }
+    bool const hasToSend = dbus_connection_has_messages_to_send(connection);
+    {
+        std::lock_guard<std::mutex> const lock(mutex);
+        m_isInWait = true;
+        Watch(m_isReadInstead ? 0U : hasToSend ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+    epoll_event events[2];
+    int const count = ::epoll_wait(m_epollFd, events, 2, Bounded(timeoutMs));
+    if (std::any_of(events, events + std::max(count, 0), [&](auto const& event) { return event.data.fd == m_eventFd; }))
+    {
+        Drain();
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    m_isInWait = false; // at once, so that nobody else comes first
+    m_handedBack.wait(lock, [&] { return !m_isReadInstead || IsToEnd(); });
+}
+
+bool CDbusPort::CIo::IsToEnd() const
+{
+    return closing || (reader == EReader::Thread && !delivering);
+}
+
+void CDbusPort::CIo::PollFor(DBusConnection* connection, int timeoutMs) const
+{
+    pollfd waited[2] = {{m_eventFd, POLLIN, 0}, {m_fd, POLLIN, 0}};
     if (dbus_connection_has_messages_to_send(connection))
     {
         waited[1].events |= POLLOUT;
     }
     ::poll(waited, 2, Bounded(timeoutMs));
-    if (waited[0].revents != 0)
+}
+
+void CDbusPort::CIo::Watch(unsigned int events)
+{
+    if (events != m_watched)
     {
-        Drain();
+        epoll_event event{};
+        event.events = events;
+        event.data.fd = m_fd;
+        ::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_fd, &event);
+        m_watched = events;
+    }
+}
+
+void CDbusPort::CIo::StopWatching()
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (m_fd >= 0)
+    {
+        ::epoll_ctl(m_epollFd, EPOLL_CTL_DEL, m_fd, nullptr);
     }
 }
 
@@ -129,18 +205,6 @@ void CDbusPort::CIo::WaitForKick(int timeoutMs) const
     {
         Drain();
     }
-}
-
-int CDbusPort::CIo::GetPollFd(DBusConnection* connection)
-{
-    std::lock_guard<std::mutex> const lock(mutex);
-    if (m_epollFd < 0)
-    {
-        m_epollFd = fdOrError(::epoll_create1(EPOLL_CLOEXEC));
-        addTo(m_epollFd, m_eventFd);
-        addTo(m_epollFd, fdOf(connection));
-    }
-    return m_epollFd;
 }
 
 bool CDbusPort::CIo::IsInside() const

@@ -4,13 +4,18 @@
 #include <nelo_rpc/GuardedFunction.h>
 #include <nelo_rpc/dbusport/CDbusPort.h>
 
+#include "COpenCalls.h"
+#include "CSideConnection.h"
+
 #include <dbus/dbus.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 
 namespace nelo_rpc
@@ -26,24 +31,40 @@ public:
     CIo& operator=(CIo const&) = delete;
     ~CIo();
 
-    /// Lets the connection end waits when it has something to send or to dispatch.
+    /// Lets the connection end waits when it has something to send or to dispatch, and when there are bytes to read.
     void Attach(DBusConnection* connection);
     static void Detach(DBusConnection* connection);
+
+    /// From now on another one reads the connection; without anybody, callers that wait go on by themselves.
+    void SetReader(EReader newReader);
 
     /// Ends a wait that is under way, or the next one.
     void Kick() const;
 
+    /// The same, for a thread that is to end and reads nothing more.
+    void KickOut();
+
     /// Takes back what kicks have left. Afterwards the connection must be looked at before it is waited for again.
     void Drain() const;
 
-    /// Waits until there are bytes to read, room for bytes that wait to be sent, or a kick; -1 ms waits for ever.
-    void Wait(DBusConnection* connection, int timeoutMs) const;
+    /// Waits until there are bytes to read, room for bytes that wait to be sent, or a kick; -1 ms waits for ever. Does
+    /// not return while another thread reads instead, unless the calling one is to end.
+    void Wait(DBusConnection* connection, int timeoutMs);
 
     /// Waits for a kick only.
     void WaitForKick(int timeoutMs) const;
 
-    /// A descriptor that is readable when one of those is, for as long as the object lives.
-    int GetPollFd(DBusConnection* connection);
+    using Deadline = std::chrono::steady_clock::time_point; ///< max(): never
+
+    /// What libdbus calls for each message, with the port as its data. Its frames cannot be unwound, so an exception of
+    /// a listener ends the process here.
+    static DBusHandlerResult OnMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept;
+
+    /// The connection is lost: its descriptor would end every wait.
+    void StopWatching();
+
+    /// A descriptor that is readable when one of those is, for as long as the object lives; -1 if there is none.
+    int GetPollFd() const { return m_epollFd; }
 
     /// Whether the calling thread reads the connection, and so runs one of its listeners if it is not the port itself.
     bool IsInside() const;
@@ -61,6 +82,46 @@ public:
         void const* const m_outer;
     };
 
+    /// One call and the wait for its answer, on a thread that is not inside the connection.
+    ///
+    /// If the thread that usually reads is in Wait(), the calling one reads in its place for as long as this lives, and
+    /// that one does not even wake up: an answer that goes through it takes two switches between threads more.
+    class CQuestion
+    {
+    public:
+        CQuestion(CIo& io, DBusConnection* connection);
+        CQuestion(CQuestion const&) = delete;
+        CQuestion& operator=(CQuestion const&) = delete;
+        ~CQuestion();
+
+        /// False if the connection is lost.
+        bool Send(DBusMessage* call);
+
+        /// Null if the time is over or the connection is lost.
+        DBusMessage* Wait(Deadline deadline);
+
+    private:
+        struct SAnswer;
+
+        DBusMessage* ReadAnswer(Deadline deadline) const;
+        bool IsAnswerNext() const;
+        bool IsAnswer(DBusMessage* message) const;
+        void HandBack();
+        COpenCalls::Done FillIn() const;
+        DBusMessage* WaitForAnswer(Deadline deadline) const;
+        DBusMessage* ReadAlone(Deadline deadline) const;
+
+        /// False when the time is over or the connection is lost.
+        bool ReadSome(Deadline deadline) const;
+
+        CIo& m_io;
+        DBusConnection* const m_connection;
+        dbus_uint32_t m_serial = 0;
+        bool m_reads = false;
+        std::optional<CInside> m_inside;
+        std::shared_ptr<SAnswer> m_answer; // not while this thread reads
+    };
+
     // The receiver waits for the first, and everybody for the second.
     std::atomic<bool> constructed{false};
     std::atomic<bool> closing{false};
@@ -70,21 +131,36 @@ public:
     /// cut off and left behind, so the port's end waits for them.
     std::shared_ptr<internal_guarded::CRunners> const senders = std::make_shared<internal_guarded::CRunners>();
 
+    COpenCalls openCalls;
+    CSideConnection side;
+
     std::mutex mutex;
     std::condition_variable changed; // the reader, a reply that is waited for, or the queue
 
     // All below is guarded by the mutex.
     EReader reader = EReader::Nobody;
     std::deque<types::CValueList> callbacks;
-    bool delivering = false; // the queue is emptied
+    std::atomic<bool> delivering{false}; // the queue is emptied; read without the mutex too
     std::set<DBusMessage*> unanswered;
 
 private:
     /// Without an eventfd nothing ends a wait before its time, so none is long.
     int Bounded(int timeoutMs) const;
 
+    void PollFor(DBusConnection* connection, int timeoutMs) const;
+    void Watch(unsigned int events);
+    bool IsToEnd() const;
+
     int m_eventFd;
-    int m_epollFd = -1;
+    int m_epollFd; // of m_eventFd and the connection; -1 if the system gives none
+    int m_fd = -1; // of the connection's socket; not the one that libdbus closes
+
+    std::condition_variable m_handedBack;
+
+    // Guarded by the mutex.
+    unsigned int m_watched = 0; // what of the connection ends a wait, as epoll names it
+    bool m_isInWait = false;    // and nobody has ended the wait
+    bool m_isReadInstead = false;
 };
 
 } // namespace nelo_rpc

@@ -164,32 +164,25 @@ std::optional<SPeerCredentials> CDbusPort::GetPeerCredentials(int connectionId)
     internal_guarded::CRun run;
     run.Enter(m_io->senders);
     std::string const name = GetPeerName(connectionId);
-    auto const findKept = [&]() -> std::optional<SPeerCredentials> {
-        std::lock_guard<std::mutex> const lock(m_watch->mutex);
-        auto const kept = m_watch->credentials.find(name);
-        return kept == m_watch->credentials.end() ? std::nullopt : std::make_optional(kept->second);
-    };
     auto const watch = m_watch;
     bool lost = false;
-    std::optional<SPeerCredentials> credentials = findKept();
-    if (credentials)
+    std::optional<SPeerCredentials> credentials;
     {
-        return credentials;
-    }
-    {
-        // Of several threads that want to know, the first one asks.
-        std::lock_guard<std::recursive_mutex> const sendLock(m_sendMutex);
-        credentials = findKept();
-        if (!credentials)
+        std::lock_guard<std::mutex> const lock(watch->mutex);
+        auto const kept = watch->credentials.find(name);
+        if (kept != watch->credentials.end())
         {
-            dbus::MessagePointer const answer(AskBus("GetConnectionCredentials", name, lost));
-            credentials = answer == nullptr ? std::nullopt : credentialsIn(answer.get());
-            if (credentials && isUnique(name))
-            {
-                std::lock_guard<std::mutex> const lock(m_watch->mutex);
-                m_watch->credentials[name] = *credentials;
-            }
+            return kept->second;
         }
+    }
+    // Without a lock: a listener that asks too must not wait for a thread whose answer it has to take. Threads that ask
+    // at the same moment all ask the bus.
+    dbus::MessagePointer const answer(AskBus("GetConnectionCredentials", name, lost));
+    credentials = answer == nullptr ? std::nullopt : credentialsIn(answer.get());
+    if (credentials && isUnique(name))
+    {
+        std::lock_guard<std::mutex> const lock(m_watch->mutex);
+        m_watch->credentials[name] = *credentials;
     }
     if (lost)
     {
@@ -253,49 +246,25 @@ void CDbusPort::AskForNames()
     }
     dbus::MessagePointer const question(
         dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "ListNames"));
-    std::lock_guard<std::recursive_mutex> const sendLock(m_sendMutex);
-    // Held while sending: the answer may be there before its serial is known.
-    std::lock_guard<std::mutex> const lock(m_watch->mutex);
-    dbus_uint32_t serial = 0;
-    if (dbus_connection_send(m_connection, question.get(), &serial))
-    {
-        m_watch->questions.insert(serial);
-    }
+    std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
+    m_io->openCalls.Send(m_connection, question.get(), [this](DBusMessage* answer) { HandleNames(answer); });
 }
 
 bool CDbusPort::HandleNews(DBusMessage* message, std::string const& sender)
 {
-    if (!m_watch->watched || sender != DBUS_SERVICE_DBUS)
+    if (!m_watch->watched || sender != DBUS_SERVICE_DBUS ||
+        !dbus_message_is_signal(message, DBUS_INTERFACE_DBUS, "NameOwnerChanged"))
     {
         return false;
     }
-    if (dbus_message_is_signal(message, DBUS_INTERFACE_DBUS, "NameOwnerChanged"))
+    char const* name = nullptr;
+    char const* oldOwner = nullptr;
+    char const* newOwner = nullptr;
+    if (dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &oldOwner, DBUS_TYPE_STRING,
+                              &newOwner, DBUS_TYPE_INVALID) &&
+        *newOwner == '\0' && isUnique(name))
     {
-        char const* name = nullptr;
-        char const* oldOwner = nullptr;
-        char const* newOwner = nullptr;
-        if (dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &oldOwner,
-                                  DBUS_TYPE_STRING, &newOwner, DBUS_TYPE_INVALID) &&
-            *newOwner == '\0' && isUnique(name))
-        {
-            HandleGoneName(name);
-        }
-        return true;
-    }
-    {
-        std::lock_guard<std::mutex> const lock(m_watch->mutex);
-        if (m_watch->questions.erase(dbus_message_get_reply_serial(message)) == 0)
-        {
-            return false;
-        }
-    }
-    if (dbus_message_has_signature(message, "as"))
-    {
-        HandleNames(message);
-    }
-    else
-    {
-        logError() << "CDbusPort::WatchPeers failed: " << types::toString(dbus_message_get_error_name(message));
+        HandleGoneName(name);
     }
     return true;
 }
@@ -325,6 +294,15 @@ void CDbusPort::HandleGoneName(std::string const& name)
 
 void CDbusPort::HandleNames(DBusMessage* names)
 {
+    if (names == nullptr)
+    {
+        return; // the bus is lost, of which nobody is told as a peer's end
+    }
+    if (!dbus_message_has_signature(names, "as"))
+    {
+        logError() << "CDbusPort::WatchPeers failed: " << types::toString(dbus_message_get_error_name(names));
+        return;
+    }
     std::set<std::string> const present = namesIn(names);
     std::vector<std::string> gone;
     {

@@ -39,7 +39,6 @@ public:
     std::mutex mutex;
 
     // Guarded by the mutex.
-    std::set<dbus_uint32_t> questions; // for the names that are there, by serial
     std::map<std::string, SPeerCredentials> credentials;
 };
 

@@ -14,12 +14,6 @@ struct SUnrefMessage
 };
 using MessagePointer = std::unique_ptr<DBusMessage, SUnrefMessage>;
 
-struct SUnrefPendingCall
-{
-    void operator()(DBusPendingCall* pending) const { dbus_pending_call_unref(pending); }
-};
-using PendingCallPointer = std::unique_ptr<DBusPendingCall, SUnrefPendingCall>;
-
 /// An error that the bus library may fill in.
 class CError
 {

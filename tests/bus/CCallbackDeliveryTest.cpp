@@ -1,6 +1,6 @@
 #include "BusTest.h"
+#include "ThreadSwitches.h"
 
-#include <dlfcn.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -8,26 +8,6 @@
 #include <atomic>
 
 using nelo_rpc::CCallbackDelivery;
-
-// A reply that is there before anybody can be notified of it comes about once in many thousand calls. Here it always
-// does when a test asks for it.
-namespace
-{
-std::atomic<bool> g_notifyLate{false};
-std::atomic<int> g_lateNotifies{0};
-} // namespace
-
-extern "C" dbus_bool_t dbus_pending_call_set_notify(DBusPendingCall* pending, DBusPendingCallNotifyFunction notify,
-                                                    void* data, DBusFreeFunction freeData)
-{
-    static auto const real =
-        reinterpret_cast<decltype(&dbus_pending_call_set_notify)>(::dlsym(RTLD_NEXT, "dbus_pending_call_set_notify"));
-    if (g_notifyLate && eventually([&] { return dbus_pending_call_get_completed(pending); }))
-    {
-        ++g_lateNotifies;
-    }
-    return real(pending, notify, data, freeData);
-}
 
 namespace
 {
@@ -202,6 +182,56 @@ TEST_F(CCallbackDeliveryOnBus, DeliversWhileAnotherThreadIsInsideACall)
     EXPECT_EQ(HELD, call.get());
 }
 
+TEST_F(CCallbackDeliveryOnBus, SleepsOnWhileCallsReadTheirReplies)
+{
+    constexpr int CALLS = 300;
+    auto const others = threadsOfProcess();
+    CCallbackDelivery const delivery(m_port);
+    auto threads = threadsOfProcess();
+    for (int const other : others)
+    {
+        threads.erase(other);
+    }
+    ASSERT_EQ(2u, threads.size());
+    auto const countSleeps = [&] {
+        long sleeps = 0;
+        for (int const thread : threads)
+        {
+            sleeps += countSleepsOf(thread);
+        }
+        return sleeps;
+    };
+    SendCallbacks(0, 1);
+    ASSERT_TRUE(m_received.WaitForCount(1)); // both threads are at work
+
+    long const before = countSleeps();
+    for (int i = 0; i < CALLS; ++i)
+    {
+        ASSERT_EQ(i, intOf(m_port.CallFunction(listOf(i), 0)));
+    }
+
+    EXPECT_LT(countSleeps() - before, CALLS / 3);
+}
+
+TEST_F(CCallbackDeliveryOnBus, DeliversWhatArrivesBehindAReplyOrBeforeOne)
+{
+    CCallbackDelivery const delivery(m_port);
+    m_serverPort.SetFunctionCallListener([&](CValueList const& list, int id, CRpcPort::ReplyFunction const& reply) {
+        int const first = intOf(list);
+        EXPECT_TRUE(m_serverPort.SendCallback(listOf(first), id));
+        EXPECT_TRUE(m_serverPort.SendCallback(listOf(first + 1), id));
+        reply(list);
+        EXPECT_TRUE(m_serverPort.SendCallback(listOf(first + 2), id));
+    });
+    for (int first = 0; first < 300; first += 3)
+    {
+        ASSERT_EQ(first, intOf(m_port.CallFunction(listOf(first), 0)));
+        ASSERT_TRUE(m_received.WaitForCount(static_cast<std::size_t>(first) + 3)) << "none waits for the next call";
+    }
+
+    EXPECT_EQ(Range(0, 300), m_received.All());
+}
+
 TEST_F(CCallbackDeliveryOnBus, KeepsTheOrderWhileOtherThreadsCallAllTheTime)
 {
     CCallbackDelivery const delivery(m_port);
@@ -245,18 +275,15 @@ TEST_F(CCallbackDeliveryOnBus, LeavesCallsTheirTimeout)
     EXPECT_EQ(1, countLines(log, ELevel::Error, "CDbusPort::SendMessage received empty reply"));
 }
 
-TEST_F(CCallbackDeliveryOnBus, NoticesAReplyThatIsThereBeforeItCanBeNotified)
+TEST_F(CCallbackDeliveryOnBus, BringsAReplyThatComesBehindACallback)
 {
     CCallbackDelivery const delivery(m_port);
-    g_notifyLate = true;
-    // A caller that reads its answer itself needs no notification. The callback makes it leave that to the other thread.
-    auto call =
-        std::async(std::launch::async, [this] { return intOf(m_port.CallFunction(listOf(AFTER_A_CALLBACK), 0)); });
-
-    EXPECT_TRUE(isReady(call, seconds(20))); // and not at the time-out, after 25
-    EXPECT_EQ(AFTER_A_CALLBACK, call.get());
-    g_notifyLate = false;
-    EXPECT_EQ(1, g_lateNotifies.exchange(0));
+    // A caller reads its reply itself, and leaves that to the other thread when something else comes first.
+    for (int i = 1; i <= 20; ++i)
+    {
+        ASSERT_EQ(AFTER_A_CALLBACK, intOf(m_port.CallFunction(listOf(AFTER_A_CALLBACK), 0)));
+        ASSERT_TRUE(m_received.WaitForCount(i));
+    }
 }
 
 TEST_F(CCallbackDeliveryOnBus, IsNotHarmedByALateReply)
@@ -555,6 +582,19 @@ TEST_F(CCallbackDeliveryOnBus, MayEndWhileACallIsOpen)
     EXPECT_EQ(HELD, call.get());
     ASSERT_TRUE(isReady(ended));
     EXPECT_EQ(5, intOf(m_port.CallFunction(listOf(5), 0)));
+}
+
+TEST_F(CCallbackDeliveryOnBus, EndsAtOnceWhileACallIsOpen)
+{
+    auto delivery = std::make_unique<CCallbackDelivery>(m_port);
+    auto call = StartHeldCall();
+    auto ended = std::async(std::launch::async, [&] { delivery.reset(); });
+
+    EXPECT_TRUE(isReady(ended));
+    EXPECT_FALSE(isReady(call, milliseconds(0)));
+    ReleaseHeld();
+    ASSERT_TRUE(isReady(call));
+    EXPECT_EQ(HELD, call.get());
 }
 
 TEST_F(CCallbackDeliveryOnBus, ComesAndGoesWhileThreadsCallAndCallbacksArrive)

@@ -1,9 +1,34 @@
 #include "BusTest.h"
+#include "ThreadSwitches.h"
+
+#include <dlfcn.h>
 
 #include <atomic>
 #include <climits>
 #include <map>
 #include <typeinfo>
+
+// An answer that is there before its question is known comes about once in many thousand times. Here it always does when
+// a test asks for it.
+namespace
+{
+std::atomic<CGate*> g_openedAfterAsking{nullptr};
+} // namespace
+
+extern "C" dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial)
+{
+    static auto const real =
+        reinterpret_cast<decltype(&dbus_connection_send)>(::dlsym(RTLD_NEXT, "dbus_connection_send"));
+    dbus_bool_t const sent = real(connection, message, serial);
+    CGate* const gate = g_openedAfterAsking;
+    if (gate != nullptr && dbus_message_is_method_call(message, DBUS_INTERFACE_DBUS, "NameHasOwner"))
+    {
+        gate->Open();
+        // Nothing tells of an answer that is held up, so this takes as long as one that is not needs by far.
+        std::this_thread::sleep_for(milliseconds(300));
+    }
+    return sent;
+}
 
 namespace
 {
@@ -78,6 +103,69 @@ TEST_F(CDbusPortCallback, ToAPeerThatLeftIsNotSent)
     EXPECT_FALSE(m_port.SendCallback(listOf(2), id));
     EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendCallback failed, can't connect to " + name));
     EXPECT_EQ(0, log.Count("nelo_rpc::dbus::fillDbusMessage")) << "no message is even built";
+}
+
+TEST_F(CDbusPortCallback, NoticesAnAnswerThatIsThereBeforeItsQuestionIsKnown)
+{
+    CGate busy;
+    CGate release;
+    m_port.SetFunctionCallListener([&](CValueList const&, int, CRpcPort::ReplyFunction const&) {
+        busy.Open();
+        release.Wait();
+    });
+    m_peer.Send(rawCall(m_server).get());
+    ASSERT_TRUE(busy.Wait()); // so whoever asks now does not read the answer itself
+
+    g_openedAfterAsking = &release;
+    auto const isConnected = std::async(std::launch::async, [this] { return m_port.IsConnected(0); });
+    EXPECT_TRUE(isReady(isConnected, seconds(20))); // and not at the time-out, after 25
+    g_openedAfterAsking = nullptr;
+}
+
+TEST_F(CDbusPortCallback, LetsTheReceiverSleepWhileTheBusIsAsked)
+{
+    constexpr int QUESTIONS = 300;
+    std::string const name = CPrivateBus::UniqueName();
+    CLogCapture log;
+    CEchoPort echo(name);
+    int const receiver = waitForReceiver(log);
+    ASSERT_NE(0, receiver);
+    ASSERT_EQ(0, echo.Get().AddConnection(m_peer.GetUniqueName()));
+    CDbusPort client(m_client.c_str(), name.c_str(), false);
+    ASSERT_EQ(1, intOf(client.CallFunction(listOf(1), 0))); // the receiver is at work
+
+    long const before = countSleepsOf(receiver);
+    for (int i = 0; i < QUESTIONS; ++i)
+    {
+        ASSERT_TRUE(echo.Get().IsConnected(0));
+    }
+
+    EXPECT_LT(countSleepsOf(receiver) - before, QUESTIONS / 3);
+}
+
+TEST_F(CDbusPortCallback, KeepsNoCallWaitingWhileThreadsAskTheBusAllTheTime)
+{
+    std::string const name = CPrivateBus::UniqueName();
+    CEchoPort echo(name);
+    ASSERT_EQ(0, echo.Get().AddConnection(m_peer.GetUniqueName()));
+    std::atomic<bool> stop{false};
+    std::vector<std::future<void>> askers;
+    for (int t = 0; t < 2; ++t)
+    {
+        askers.push_back(std::async(std::launch::async, [&] {
+            while (!stop)
+            {
+                EXPECT_TRUE(echo.Get().IsConnected(0));
+            }
+        }));
+    }
+    CDbusPort client(m_client.c_str(), name.c_str(), false);
+    client.SetTimeoutMs(10000);
+    for (int i = 0; i < 100; ++i)
+    {
+        EXPECT_EQ(i, intOf(client.CallFunction(listOf(i), 0)));
+    }
+    stop = true;
 }
 
 TEST_F(CDbusPortCallback, ToANameThatNobodyOwnsIsNotSent)

@@ -1,5 +1,9 @@
 #include "BusTest.h"
 
+#include <unistd.h>
+
+#include <atomic>
+
 namespace
 {
 
@@ -42,6 +46,44 @@ TEST_F(CDbusPortOutage, LeavesAServersPortWhoseOperationsFail)
     EXPECT_TRUE(eventually([&] { return !port.IsConnected(id); }));
     EXPECT_FALSE(port.SendCallback(listOf(1), id));
     EXPECT_LT(since(start), seconds(10));
+}
+
+TEST_F(CDbusPortOutage, LeavesTheProcessAliveWhileManyThreadsAskTheBus)
+{
+    // Several threads notice the loss of the same connection at once, each with a question under way.
+    constexpr int PORTS = 8;
+    constexpr int THREADS = 3;
+    for (int round = 0; round < 5; ++round)
+    {
+        CRawPeer peer;
+        std::vector<std::unique_ptr<CDbusPort>> ports;
+        std::atomic<int> answered{0};
+        std::vector<std::future<void>> askers;
+        for (int p = 0; p < PORTS; ++p)
+        {
+            CDbusPort& port = *ports.emplace_back(std::make_unique<CDbusPort>(CPrivateBus::UniqueName().c_str(), true));
+            int const id = port.AddConnection(peer.GetUniqueName());
+            for (int t = 0; t < THREADS; ++t)
+            {
+                askers.push_back(std::async(std::launch::async, [&port, &answered, id] {
+                    while (port.IsConnected(id))
+                    {
+                        if (++answered % 8 == 0)
+                        {
+                            ::usleep(30);
+                        }
+                    }
+                }));
+            }
+        }
+        ASSERT_TRUE(eventually([&] { return answered > 20 * PORTS * THREADS; }));
+        CBusOutage const outage;
+
+        for (auto& asker : askers)
+        {
+            ASSERT_TRUE(isReady(asker, seconds(20)));
+        }
+    }
 }
 
 TEST_F(CDbusPortOutage, MakesAReplyGoNowhere)

@@ -143,12 +143,13 @@ private:
     /// What is known of the peers beside their names, and of the connection's end.
     class CWatch;
 
-    /// Who reads a synchronous port's connection while no call does.
+    /// Who reads the connection while no call does.
     enum class EReader
     {
         Nobody,
-        Loop,  // the application, through DispatchCallbacks()
-        Thread // a CCallbackDelivery
+        Loop,    // the application, through DispatchCallbacks()
+        Thread,  // a CCallbackDelivery
+        Receiver // an asynchronous port's own thread
     };
 
     CDbusPort(char const* name, SPortOptions const& options);
@@ -169,7 +170,8 @@ private:
     bool GetOrAddConnection(std::string const& sender, int& connectionId);
     std::string GetOrInsertName(int connectionId);
     std::string WhyNotCallable(std::string const& destination, int timeoutMs, types::CValueList const& call) const;
-    DBusMessage* SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure) const;
+    DBusMessage* SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure,
+                             std::unique_lock<std::recursive_mutex>& sendLock) const;
     DBusMessage* AskBus(char const* question, std::string const& name, bool& lost) const;
     bool HasOwner(std::string const& name, bool& lost) const;
     bool HasTooMuchToSend() const;

@@ -1,0 +1,217 @@
+#include "CDbusPortIo.h"
+
+#include "../SystemLog.h"
+#include "DbusPointers.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+
+namespace nelo_rpc
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+/// As poll() wants it: -1 for ever.
+int millisecondsTo(Clock::time_point deadline)
+{
+    if (deadline == Clock::time_point::max())
+    {
+        return -1;
+    }
+    auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+} // namespace
+
+/// What a thread waits for that does not read the connection itself.
+struct CDbusPort::CIo::CQuestion::SAnswer
+{
+    dbus::MessagePointer message;
+    bool isOver = false;
+};
+
+DBusHandlerResult CDbusPort::CIo::OnMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept
+{
+    auto& self = *static_cast<CDbusPort*>(port);
+    if (self.m_io->openCalls.Take(message))
+    {
+        return DBUS_HANDLER_RESULT_HANDLED;
+    }
+    if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected"))
+    {
+        self.m_io->openCalls.EndAll();
+    }
+    return static_cast<DBusHandlerResult>(self.OnDbusMessage(connection, message));
+}
+
+CDbusPort::CIo::CQuestion::CQuestion(CIo& io, DBusConnection* connection) : m_io(io), m_connection(connection)
+{
+    std::lock_guard<std::mutex> const lock(m_io.mutex);
+    if (m_io.m_isInWait && !m_io.m_isReadInstead)
+    {
+        m_reads = true;
+        m_io.m_isReadInstead = true;
+        m_io.Watch(0);
+        m_inside.emplace(m_io); // what is read here need not be announced: HandBack() looks
+    }
+}
+
+CDbusPort::CIo::CQuestion::~CQuestion()
+{
+    HandBack();
+}
+
+bool CDbusPort::CIo::CQuestion::Send(DBusMessage* call)
+{
+    bool sent = false;
+    if (m_reads)
+    {
+        // Nobody else can take the answer before HandBack().
+        sent = dbus_connection_get_is_connected(m_connection) && dbus_connection_send(m_connection, call, nullptr);
+    }
+    else
+    {
+        m_answer = std::make_shared<SAnswer>();
+        sent = m_io.openCalls.Send(m_connection, call, FillIn());
+    }
+    m_serial = dbus_message_get_serial(call);
+    return sent;
+}
+
+DBusMessage* CDbusPort::CIo::CQuestion::Wait(Deadline deadline)
+{
+    if (m_reads)
+    {
+        DBusMessage* const answer = ReadAnswer(deadline);
+        if (answer != nullptr || millisecondsTo(deadline) == 0 || !dbus_connection_get_is_connected(m_connection))
+        {
+            return answer;
+        }
+        m_answer = std::make_shared<SAnswer>();
+        m_io.openCalls.Add(m_serial, FillIn());
+        HandBack();
+    }
+    return WaitForAnswer(deadline);
+}
+
+DBusMessage* CDbusPort::CIo::CQuestion::ReadAnswer(Deadline deadline) const
+{
+    do
+    {
+        if (dbus_connection_get_dispatch_status(m_connection) == DBUS_DISPATCH_DATA_REMAINS)
+        {
+            // The rest is left to the usual thread: it may lead to the application's functions.
+            return IsAnswerNext() ? dbus_connection_pop_message(m_connection) : nullptr;
+        }
+    } while (ReadSome(deadline));
+    return nullptr;
+}
+
+bool CDbusPort::CIo::CQuestion::IsAnswerNext() const
+{
+    DBusMessage* const next = dbus_connection_borrow_message(m_connection);
+    bool const isNext = next != nullptr && IsAnswer(next);
+    if (next != nullptr)
+    {
+        dbus_connection_return_message(m_connection, next);
+    }
+    return isNext;
+}
+
+bool CDbusPort::CIo::CQuestion::IsAnswer(DBusMessage* message) const
+{
+    return dbus_message_get_reply_serial(message) == m_serial;
+}
+
+void CDbusPort::CIo::CQuestion::HandBack()
+{
+    if (!m_reads)
+    {
+        return;
+    }
+    m_reads = false;
+    m_inside.reset();
+    bool const leavesSomething = dbus_connection_get_dispatch_status(m_connection) != DBUS_DISPATCH_COMPLETE ||
+                                 dbus_connection_has_messages_to_send(m_connection) ||
+                                 !dbus_connection_get_is_connected(m_connection);
+    {
+        std::lock_guard<std::mutex> const lock(m_io.mutex);
+        m_io.m_isReadInstead = false;
+        m_io.m_isInWait = m_io.m_isInWait && !leavesSomething;
+        m_io.Watch(EPOLLIN);
+        m_io.m_handedBack.notify_all();
+    }
+    if (leavesSomething)
+    {
+        m_io.Kick();
+    }
+}
+
+COpenCalls::Done CDbusPort::CIo::CQuestion::FillIn() const
+{
+    return [&io = m_io, answer = m_answer](DBusMessage* message) {
+        std::lock_guard<std::mutex> const lock(io.mutex);
+        answer->message.reset(message != nullptr ? dbus_message_ref(message) : nullptr);
+        answer->isOver = true;
+        io.changed.notify_all();
+    };
+}
+
+DBusMessage* CDbusPort::CIo::CQuestion::WaitForAnswer(Deadline deadline) const
+{
+    std::unique_lock<std::mutex> lock(m_io.mutex);
+    auto const isOver = [this] { return m_answer->isOver || m_io.reader == EReader::Nobody; };
+    if (deadline == Deadline::max())
+    {
+        m_io.changed.wait(lock, isOver);
+    }
+    else
+    {
+        m_io.changed.wait_until(lock, deadline, isOver);
+    }
+    if (m_answer->message != nullptr)
+    {
+        return m_answer->message.release();
+    }
+    bool const isAlone = m_io.reader == EReader::Nobody;
+    lock.unlock();
+    m_io.openCalls.Remove(m_serial);
+    return isAlone ? ReadAlone(deadline) : nullptr;
+}
+
+DBusMessage* CDbusPort::CIo::CQuestion::ReadAlone(Deadline deadline) const
+{
+    // The thread that read has ended. A synchronous port's send mutex is held, so there is no other.
+    do
+    {
+        m_io.Drain();
+        while (dbus::MessagePointer message{dbus_connection_pop_message(m_connection)})
+        {
+            if (IsAnswer(message.get()))
+            {
+                return message.release();
+            }
+            logDebug() << "CDbusPort::SendMessage dropped a message from "
+                       << types::toString(dbus_message_get_sender(message.get())) << ", nothing delivers callbacks";
+        }
+    } while (ReadSome(deadline));
+    return nullptr;
+}
+
+bool CDbusPort::CIo::CQuestion::ReadSome(Deadline deadline) const
+{
+    int const leftMs = millisecondsTo(deadline);
+    if (leftMs == 0)
+    {
+        return false;
+    }
+    m_io.PollFor(m_connection, leftMs);
+    return dbus_connection_read_write(m_connection, 0);
+}
+
+} // namespace nelo_rpc

@@ -1,0 +1,50 @@
+#include "CSideConnection.h"
+
+namespace nelo_rpc
+{
+
+CSideConnection::~CSideConnection()
+{
+    Close();
+}
+
+DBusMessage* CSideConnection::Ask(DBusMessage* question, int timeoutMs, std::string& failure)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    dbus::CError error;
+    DBusMessage* const answer =
+        Open(error) ? dbus_connection_send_with_reply_and_block(m_connection, question, timeoutMs, error.Get())
+                    : nullptr;
+    failure = error.IsSet() ? error.Message() : "";
+    return answer;
+}
+
+bool CSideConnection::Open(dbus::CError& error)
+{
+    if (m_connection != nullptr && !dbus_connection_get_is_connected(m_connection))
+    {
+        Close();
+    }
+    if (m_connection == nullptr)
+    {
+        m_connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
+    }
+    if (m_connection == nullptr)
+    {
+        return false;
+    }
+    dbus_connection_set_exit_on_disconnect(m_connection, FALSE);
+    return true;
+}
+
+void CSideConnection::Close()
+{
+    if (m_connection != nullptr)
+    {
+        dbus_connection_close(m_connection);
+        dbus_connection_unref(m_connection); // nobody else knows it
+        m_connection = nullptr;
+    }
+}
+
+} // namespace nelo_rpc

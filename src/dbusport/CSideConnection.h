@@ -1,0 +1,34 @@
+#pragma once
+
+#include "DbusPointers.h"
+
+#include <dbus/dbus.h>
+
+#include <mutex>
+#include <string>
+
+namespace nelo_rpc
+{
+
+/// A second connection to the bus, for questions that are asked on the thread that reads the first one: it cannot wait
+/// there for what only it would read. Opened by the first such question.
+class CSideConnection
+{
+public:
+    CSideConnection() = default;
+    CSideConnection(CSideConnection const&) = delete;
+    CSideConnection& operator=(CSideConnection const&) = delete;
+    ~CSideConnection();
+
+    /// Sends a question and blocks for its answer; null with a cause if there is none. Any thread, one at a time.
+    DBusMessage* Ask(DBusMessage* question, int timeoutMs, std::string& failure);
+
+private:
+    bool Open(dbus::CError& error);
+    void Close();
+
+    std::mutex m_mutex;
+    DBusConnection* m_connection = nullptr; // guarded by the mutex
+};
+
+} // namespace nelo_rpc
