@@ -90,6 +90,7 @@ SPortOptions SPortOptions::Recommended()
     options.waitForListener = true;
     options.peers = EPeers::Untrusted;
     options.maxPendingBytes = 32 * 1024 * 1024;
+    options.rememberPeers = true;
     return options;
 }
 
@@ -151,6 +152,7 @@ void CDbusPort::Open(bool bUseAsync)
             return;
         }
         StartReceiver();
+        StartRemembering();
     }
     logDebug() << "CDbusPort created : bUseAsync = " << m_bUseAsync;
 }
@@ -284,7 +286,7 @@ bool CDbusPort::IsConnected(int connectionId) const
     }
     auto const watch = m_watch; // the port may be destroyed while the question is open
     bool lost = false;
-    bool const connected = !name.empty() && HasOwner(name, lost);
+    bool const connected = !name.empty() && IsThere(name, lost);
     if (lost)
     {
         watch->TellLoss();

@@ -149,7 +149,7 @@ void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs)
     {
         std::lock_guard<std::mutex> const lock(mutex);
         m_isInWait = true;
-        Watch(m_isReadInstead ? 0U : hasToSend ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        Watch(hasToSend ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
     epoll_event events[2];
     int const count = ::epoll_wait(m_epollFd, events, 2, Bounded(timeoutMs));

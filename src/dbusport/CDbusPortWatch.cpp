@@ -24,6 +24,9 @@ namespace
 constexpr char const* NAMES_THAT_GO = "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
                                       "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
 
+/// How much may wait to be sent before the bus is asked all the same. Its answer comes behind what it was sent before.
+constexpr long MUCH_TO_SEND = 64 * 1024;
+
 constexpr std::uint32_t NO_GROUP = std::numeric_limits<std::uint32_t>::max();
 
 bool isUnique(std::string const& name)
@@ -212,7 +215,8 @@ bool CDbusPort::WatchPeers(std::function<void(int connectionId)> onGone)
 bool CDbusPort::MatchNamesThatGo()
 {
     std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
-    bool const wanted = m_watch->peers.IsSet(); // and not what the caller set: another thread may have been quicker
+    // Not what the caller set: another thread may have been quicker.
+    bool const wanted = m_options.rememberPeers || m_watch->peers.IsSet();
     if (wanted && !m_watch->matched)
     {
         m_watch->watched = true;
@@ -231,6 +235,40 @@ bool CDbusPort::MatchNamesThatGo()
         m_watch->matched = false;
     }
     return true;
+}
+
+void CDbusPort::StartRemembering()
+{
+    m_watch->remembers = m_options.rememberPeers && MatchNamesThatGo();
+}
+
+bool CDbusPort::MayRemember(std::string const& name) const
+{
+    return m_watch->remembers && isUnique(name) && dbus_connection_get_is_connected(m_connection) &&
+           dbus_connection_get_outgoing_size(m_connection) <= MUCH_TO_SEND;
+}
+
+bool CDbusPort::IsThere(std::string const& name, bool& lost) const
+{
+    auto const watch = m_watch; // the port may be destroyed while the question is open
+    bool const mayRemember = MayRemember(name);
+    unsigned long goneBefore = 0;
+    {
+        std::lock_guard<std::mutex> const lock(watch->mutex);
+        if (mayRemember && watch->present.count(name) != 0)
+        {
+            return true;
+        }
+        goneBefore = watch->goneCount;
+    }
+    bool const hasOwner = HasOwner(name, lost);
+    std::lock_guard<std::mutex> const lock(watch->mutex);
+    // News that came meanwhile may be of this peer, and come only once.
+    if (hasOwner && mayRemember && goneBefore == watch->goneCount)
+    {
+        watch->present.insert(name);
+    }
+    return hasOwner;
 }
 
 void CDbusPort::AskForNames()
@@ -271,6 +309,11 @@ bool CDbusPort::HandleNews(DBusMessage* message, std::string const& sender)
 
 void CDbusPort::HandleGoneName(std::string const& name)
 {
+    {
+        std::lock_guard<std::mutex> const lock(m_watch->mutex);
+        m_watch->present.erase(name);
+        ++m_watch->goneCount;
+    }
     std::vector<int> gone;
     {
         std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);

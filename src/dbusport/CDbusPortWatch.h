@@ -34,12 +34,15 @@ public:
     std::atomic<bool> destroying{false}; // from then on the connection's end is the port's own doing
     internal_guarded::CGuardedFunction<> lostListener;
 
-    bool matched = false; // the bus sends names that go; guarded by the port's send mutex
+    bool matched = false;               // the bus sends names that go; guarded by the port's send mutex
+    std::atomic<bool> remembers{false}; // matched, and for good
 
     std::mutex mutex;
 
     // Guarded by the mutex.
     std::map<std::string, SPeerCredentials> credentials;
+    std::set<std::string> present; // unique names that the bus knew, and has not told of since
+    unsigned long goneCount = 0;   // how often it has told of one
 };
 
 } // namespace nelo_rpc

@@ -39,7 +39,13 @@ struct NELO_RPC_API SPortOptions
     /// The limit counts what all peers of the port have coming. 0: no limit.
     std::size_t maxPendingBytes = 0;
 
-    /// What a new application should use: waitForListener, untrusted peers, at most 32 MiB waiting.
+    /// An asynchronous port asks the bus once whether a peer is there and then relies on its news of those that leave,
+    /// instead of asking before each callback, which is most of what a callback costs. A callback that is sent between
+    /// a peer's end and the news of it counts as sent. About peers known by a well-known name the bus is asked each
+    /// time, and also while more than 64 KiB wait to be sent, so that a sender is no quicker than the bus.
+    bool rememberPeers = false;
+
+    /// What a new application should use: waitForListener, untrusted peers, at most 32 MiB waiting, rememberPeers.
     static SPortOptions Recommended();
 };
 
@@ -75,7 +81,8 @@ public:
     /// Asynchronous ports only; see CRpcPort.
     bool SendCallback(types::CValueList const& callback, int connectionId) override;
 
-    /// Asks the bus and blocks for the answer. An id that was never handed out is not connected.
+    /// Asks the bus and blocks for the answer, unless SPortOptions::rememberPeers spares it. An id that was never
+    /// handed out is not connected.
     bool IsConnected(int connectionId) const override;
 
     /// Any value is kept as it is; calls with less than -1 fail as if no reply came.
@@ -174,6 +181,8 @@ private:
                              std::unique_lock<std::recursive_mutex>& sendLock) const;
     DBusMessage* AskBus(char const* question, std::string const& name, bool& lost) const;
     bool HasOwner(std::string const& name, bool& lost) const;
+    bool IsThere(std::string const& name, bool& lost) const;
+    bool MayRemember(std::string const& name) const;
     bool HasTooMuchToSend() const;
     void DropUndelivered() const;
     bool Send(DBusMessage* message);
@@ -187,6 +196,7 @@ private:
     void Filter();
     void Unfilter();
     bool MatchNamesThatGo();
+    void StartRemembering();
     void AskForNames();
     bool HandleNews(DBusMessage* message, std::string const& sender);
     void HandleGoneName(std::string const& name);
