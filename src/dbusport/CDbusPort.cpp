@@ -558,7 +558,7 @@ types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int con
 DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure,
                                     std::unique_lock<std::recursive_mutex>& sendLock) const
 {
-    bool const isReceived = IsReadBy(EReader::Receiver);
+    bool const isReceived = m_bUseAsync && m_io->filtering;
     if (!isReceived && !IsReadBy(EReader::Thread))
     {
         dbus::CError error;
@@ -567,8 +567,14 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::st
         failure = error.IsSet() ? error.Message() : "";
         return reply;
     }
+    bool const isConnected = dbus_connection_get_is_connected(m_connection);
+    if (isConnected && isReceived && (m_io->IsInside() || !IsReadBy(EReader::Receiver)))
+    {
+        sendLock.unlock();
+        return m_io->side.Ask(message, timeoutMs, failure); // nobody takes the answer while this thread waits
+    }
     dbus::MessagePointer reply;
-    if (!m_io->IsInside())
+    if (isConnected && !m_io->IsInside())
     {
         CIo::CQuestion question(*m_io, m_connection);
         bool const sent = question.Send(message);
@@ -577,11 +583,6 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::st
             sendLock.unlock(); // a listener may want it, on the thread that has to take the answer
         }
         reply.reset(sent ? question.Wait(deadlineIn(timeoutMs)) : nullptr);
-    }
-    else if (dbus_connection_get_is_connected(m_connection))
-    {
-        sendLock.unlock();
-        return m_io->side.Ask(message, timeoutMs, failure);
     }
     if (reply == nullptr)
     {

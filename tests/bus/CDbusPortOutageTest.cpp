@@ -1,7 +1,5 @@
 #include "BusTest.h"
 
-#include <unistd.h>
-
 #include <atomic>
 
 namespace
@@ -57,25 +55,27 @@ TEST_F(CDbusPortOutage, LeavesTheProcessAliveWhileManyThreadsAskTheBus)
     {
         CRawPeer peer;
         std::vector<std::unique_ptr<CDbusPort>> ports;
+        std::atomic<int> atWork{0};
         std::atomic<int> answered{0};
         std::vector<std::future<void>> askers;
         for (int p = 0; p < PORTS; ++p)
         {
-            CDbusPort& port = *ports.emplace_back(std::make_unique<CDbusPort>(CPrivateBus::UniqueName().c_str(), true));
+            std::string const name = CPrivateBus::UniqueName();
+            CDbusPort& port = *ports.emplace_back(std::make_unique<CDbusPort>(name.c_str(), true));
+            port.SetFunctionCallListener([&](CValueList const&, int, CRpcPort::ReplyFunction const&) { ++atWork; });
+            peer.Send(rawCall(name).get());
             int const id = port.AddConnection(peer.GetUniqueName());
             for (int t = 0; t < THREADS; ++t)
             {
                 askers.push_back(std::async(std::launch::async, [&port, &answered, id] {
                     while (port.IsConnected(id))
                     {
-                        if (++answered % 8 == 0)
-                        {
-                            ::usleep(30);
-                        }
+                        ++answered;
                     }
                 }));
             }
         }
+        ASSERT_TRUE(eventually([&] { return atWork == PORTS; }));
         ASSERT_TRUE(eventually([&] { return answered > 20 * PORTS * THREADS; }));
         CBusOutage const outage;
 
