@@ -45,6 +45,8 @@ constexpr int DISPATCH_LIMIT = 200;
 /// A line number that is part of a log text, whatever the source looks like.
 constexpr int NEW_CLIENT_LINE = 122;
 
+constexpr char const* UNREAD = "the peer leaves too much unread that it was sent";
+
 /// Connections are closed but never given back to libdbus, and calls that were never answered keep their messages; here
 /// a leak checker finds both.
 void keepForEver(DBusConnection* connection, std::set<DBusMessage*> unanswered)
@@ -91,6 +93,7 @@ SPortOptions SPortOptions::Recommended()
     options.peers = EPeers::Untrusted;
     options.maxPendingBytes = 32 * 1024 * 1024;
     options.rememberPeers = true;
+    options.maxUnreadBytes = 96 * 1024 * 1024;
     return options;
 }
 
@@ -101,7 +104,7 @@ CDbusPort::CDbusPort(char const* name, SPortOptions const& options)
       m_timeoutMs(-1),
       m_lastConnectionId(-1),
       m_options(options),
-      m_io(std::make_unique<CIo>()),
+      m_io(std::make_unique<CIo>(options.maxUnreadBytes)),
       m_watch(std::make_shared<CWatch>())
 {
 }
@@ -628,8 +631,7 @@ void CDbusPort::DropUndelivered() const
     // Calls read whatever arrives. What nobody is going to dispatch would pile up until libdbus stops reading.
     while (dbus::MessagePointer const message{dbus_connection_pop_message(m_connection)})
     {
-        logDebug() << "CDbusPort::SendMessage dropped a message from "
-                   << types::toString(dbus_message_get_sender(message.get())) << ", nothing delivers callbacks";
+        m_io->Drop(m_connection, message.get());
     }
 }
 
@@ -647,6 +649,12 @@ bool CDbusPort::SendCallback(types::CValueList const& callback, int connectionId
                    << m_options.maxPendingBytes << " bytes wait to be sent";
         return false;
     }
+    std::size_t const size = m_io->unread.SizeOf(callback);
+    if (HasTooMuchUnread(destination, size))
+    {
+        logError() << "CDbusPort::SendCallback to " << destination << " refused: " << UNREAD;
+        return false;
+    }
     if (!IsConnected(connectionId))
     {
         logDebug() << "CDbusPort::SendCallback failed, can't connect to " << destination;
@@ -659,7 +667,7 @@ bool CDbusPort::SendCallback(types::CValueList const& callback, int connectionId
         return false;
     }
     dbus::MessagePointer const message(dbus::valueListToCallback(destination, callback));
-    return Send(message.get());
+    return SendCounted(message.get(), destination, size);
 }
 
 bool CDbusPort::HasTooMuchToSend() const
@@ -680,17 +688,18 @@ bool CDbusPort::SendFunctionResult(DBusMessage* call, types::CValueList const& l
         dbus::MessagePointer const error(dbus_message_new_error(call, reply.name.c_str(), reply.text.c_str()));
         return Send(error.get());
     }
-    std::string const why = dbus::whyNotSendable(list);
+    std::string const caller = types::toString(dbus_message_get_sender(call));
+    std::size_t const size = m_io->unread.SizeOf(list);
+    std::string const why = HasTooMuchUnread(caller, size) ? UNREAD : dbus::whyNotSendable(list);
     if (!why.empty())
     {
-        logError() << "CDbusPort::SendFunctionResult to " << types::toString(dbus_message_get_sender(call))
-                   << " refused: " << why;
+        logError() << "CDbusPort::SendFunctionResult to " << caller << " refused: " << why;
         dbus::MessagePointer const error(dbus_message_new_error(call, DBUS_ERROR_FAILED, why.c_str()));
         Send(error.get());
         return false;
     }
     dbus::MessagePointer const reply(dbus::valueListToFunctionResult(call, list));
-    return Send(reply.get());
+    return SendCounted(reply.get(), caller, size);
 }
 
 bool CDbusPort::Send(DBusMessage* message)

@@ -196,8 +196,7 @@ DBusMessage* CDbusPort::CIo::CQuestion::ReadAlone(Deadline deadline) const
             {
                 return message.release();
             }
-            logDebug() << "CDbusPort::SendMessage dropped a message from "
-                       << types::toString(dbus_message_get_sender(message.get())) << ", nothing delivers callbacks";
+            Drop(m_connection, message.get());
         }
     } while (ReadSome(deadline));
     return nullptr;

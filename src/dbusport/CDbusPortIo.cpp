@@ -1,6 +1,7 @@
 #include "CDbusPortIo.h"
 
 #include "../SystemLog.h"
+#include "DbusPointers.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -52,8 +53,9 @@ void addTo(int epollFd, int fd)
 
 } // namespace
 
-CDbusPort::CIo::CIo()
-    : m_eventFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
+CDbusPort::CIo::CIo(std::size_t maxUnreadBytes)
+    : unread(maxUnreadBytes),
+      m_eventFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       m_epollFd(fdOrError(::epoll_create1(EPOLL_CLOEXEC)))
 {
 }
@@ -187,6 +189,18 @@ void CDbusPort::CIo::Watch(unsigned int events)
         ::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_fd, &event);
         m_watched = events;
     }
+}
+
+void CDbusPort::CIo::Drop(DBusConnection* connection, DBusMessage* message)
+{
+    if (dbus_message_is_method_call(message, DBUS_INTERFACE_PEER, "Ping") && !dbus_message_get_no_reply(message))
+    {
+        dbus::MessagePointer const answer(dbus_message_new_method_return(message));
+        dbus_connection_send(connection, answer.get(), nullptr);
+        return;
+    }
+    logDebug() << "CDbusPort::SendMessage dropped a message from " << types::toString(dbus_message_get_sender(message))
+               << ", nothing delivers callbacks";
 }
 
 void CDbusPort::CIo::StopWatching()

@@ -6,6 +6,7 @@
 
 #include "COpenCalls.h"
 #include "CSideConnection.h"
+#include "CUnread.h"
 
 #include <dbus/dbus.h>
 
@@ -26,7 +27,7 @@ namespace nelo_rpc
 class CDbusPort::CIo
 {
 public:
-    CIo();
+    explicit CIo(std::size_t maxUnreadBytes);
     CIo(CIo const&) = delete;
     CIo& operator=(CIo const&) = delete;
     ~CIo();
@@ -59,6 +60,9 @@ public:
     /// What libdbus calls for each message, with the port as its data. Its frames cannot be unwound, so an exception of
     /// a listener ends the process here.
     static DBusHandlerResult OnMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept;
+
+    /// Throws a message away that nobody is going to dispatch. A ping is answered: it tells what was read.
+    static void Drop(DBusConnection* connection, DBusMessage* message);
 
     /// The connection is lost: its descriptor would end every wait.
     void StopWatching();
@@ -133,6 +137,8 @@ public:
 
     COpenCalls openCalls;
     CSideConnection side;
+    CUnread unread;
+    std::atomic<bool> mayPing{true}; // the policy of the bus has not said otherwise
 
     std::mutex mutex;
     std::condition_variable changed; // the reader, a reply that is waited for, or the queue

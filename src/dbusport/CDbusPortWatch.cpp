@@ -216,7 +216,7 @@ bool CDbusPort::MatchNamesThatGo()
 {
     std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
     // Not what the caller set: another thread may have been quicker.
-    bool const wanted = m_options.rememberPeers || m_watch->peers.IsSet();
+    bool const wanted = m_options.rememberPeers || m_io->unread.IsLimited() || m_watch->peers.IsSet();
     if (wanted && !m_watch->matched)
     {
         m_watch->watched = true;
@@ -239,7 +239,10 @@ bool CDbusPort::MatchNamesThatGo()
 
 void CDbusPort::StartRemembering()
 {
-    m_watch->remembers = m_options.rememberPeers && MatchNamesThatGo();
+    if (m_options.rememberPeers || m_io->unread.IsLimited())
+    {
+        m_watch->remembers = MatchNamesThatGo() && m_options.rememberPeers;
+    }
 }
 
 bool CDbusPort::MayRemember(std::string const& name) const
@@ -314,6 +317,7 @@ void CDbusPort::HandleGoneName(std::string const& name)
         m_watch->present.erase(name);
         ++m_watch->goneCount;
     }
+    m_io->unread.Forget(name);
     std::vector<int> gone;
     {
         std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);

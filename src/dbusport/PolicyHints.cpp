@@ -84,6 +84,12 @@ void hintAtCallPolicy(std::string const& cause, std::string const& server)
     }
 }
 
+void hintAtPingPolicy()
+{
+    logInfo() << "CDbusPort::SendMessage the policy of the bus lacks <policy user=\"" << userName(::geteuid())
+              << "\"><allow send_interface=\"" << DBUS_INTERFACE_PEER << "\" send_member=\"Ping\"/></policy>";
+}
+
 std::string describeOwner(DBusConnection* connection, std::string const& name)
 {
     MessagePointer const answer = askBus(connection, "GetNameOwner", name);

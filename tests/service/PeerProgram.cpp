@@ -5,10 +5,10 @@
 #include <iostream>
 #include <string>
 
-/// A server with one function, or a client that calls it once, with its log on the standard error stream.
+/// A server with two functions, or a client that calls them once, with its log on the standard error stream.
 ///
 /// usage: PeerProgram server NAME      writes "ready" and runs until SIGTERM
-///        PeerProgram client NAME      ends with 0 if it got its result
+///        PeerProgram client NAME      ends with 0 if it got its result, and one so large that the server pings for it
 namespace
 {
 
@@ -16,6 +16,7 @@ class CAdder
 {
 public:
     int Add(int a, int b) { return a + b; }
+    std::string Repeat(int times) { return std::string(static_cast<std::size_t>(times), 'a'); }
 };
 
 class CAdderProxy : public nelo_rpc::CActorProxy
@@ -24,6 +25,7 @@ public:
     explicit CAdderProxy(nelo_rpc::CRpcClient& client) : CActorProxy(&client, "Adder") {}
 
     nelo_rpc::CProxyFunction<int(int, int)> Add{*this, "Add"};
+    nelo_rpc::CProxyFunction<std::string(int)> Repeat{*this, "Repeat"};
 };
 
 int serve(char const* name)
@@ -35,8 +37,10 @@ int serve(char const* name)
 
     nelo_rpc::CDbusPort port(name, true, nelo_rpc::SPortOptions::Recommended());
     nelo_rpc::CRpcHost host(port, nelo_rpc::SHostOptions::Recommended(), [](nelo_rpc::CRpcHost& self) {
-        self.RegisterActorType<CAdder>(
-            "Adder", [](nelo_rpc::CActor& actor, CAdder& adder) { actor.AddFunction("Add", adder, &CAdder::Add); });
+        self.RegisterActorType<CAdder>("Adder", [](nelo_rpc::CActor& actor, CAdder& adder) {
+            actor.AddFunction("Add", adder, &CAdder::Add);
+            actor.AddFunction("Repeat", adder, &CAdder::Repeat);
+        });
     });
     std::cout << "ready" << std::endl;
 
@@ -50,7 +54,8 @@ int call(char const* name)
     nelo_rpc::CDbusPort port("org.example.client", name, false);
     nelo_rpc::CRpcClient client(port);
     CAdderProxy adder(client);
-    return adder.Add.TryCall(2, 3) == 5 ? 0 : 1;
+    constexpr int MUCH = 100 * 1024;
+    return adder.Add.TryCall(2, 3) == 5 && adder.Repeat(MUCH).size() == MUCH ? 0 : 1;
 }
 
 } // namespace

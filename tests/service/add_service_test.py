@@ -200,6 +200,33 @@ class OnABusWithTheSystemsPolicy(unittest.TestCase):
         self.serve(SERVER_USER)
         self.assertNotIn("policy", self.call(SERVER_USER).stderr)
 
+    def reload(self):
+        subprocess.run(["dbus-send", f"--bus={self.address}", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+                        "org.freedesktop.DBus.ReloadConfig"], check=True, capture_output=True, timeout=LIMIT_SECONDS)
+
+    def test_the_server_may_ping_its_clients(self):
+        server = self.serve(SERVER_USER)
+        self.assertEqual(0, self.call("root").returncode)
+        self.assertNotIn("ping", self.log_of(server))
+
+    def test_a_server_that_may_not_ping_is_told_the_rule(self):
+        policy = Path(self.policy)
+        text, removed = re.subn(r".*member=.Ping.*\n", "", policy.read_text())
+        self.assertEqual(1, removed)
+        policy.write_text(text)
+        self.reload()
+        server = self.serve(SERVER_USER)
+        self.assertEqual(0, self.call("root").returncode)
+        log = self.log_of(server)
+        self.assertIn("CDbusPort::SendMessage cannot limit what peers leave unread", log)
+
+        rule = re.search(r"lacks (<policy.*</policy>)", log).group(1)
+        policy.write_text(text.replace("</busconfig>", rule + "</busconfig>"))
+        self.reload()
+        server = self.serve(SERVER_USER)
+        self.assertEqual(0, self.call("root").returncode)
+        self.assertNotIn("ping", self.log_of(server))
+
     def test_another_user_cannot_own_the_name_and_is_told_the_rule(self):
         log = self.log_of(self.serve(OTHER_USER))
         self.assertIn("Dbus request name failed: ", log)
@@ -209,8 +236,7 @@ class OnABusWithTheSystemsPolicy(unittest.TestCase):
         rule = re.search(r"lacks (<policy.*</policy>)", self.log_of(self.serve(OTHER_USER))).group(1)
         policy = Path(self.policy)
         policy.write_text(policy.read_text().replace("</busconfig>", rule + "</busconfig>"))
-        subprocess.run(["dbus-send", f"--bus={self.address}", "--print-reply", "--dest=org.freedesktop.DBus", "/",
-                        "org.freedesktop.DBus.ReloadConfig"], check=True, capture_output=True, timeout=LIMIT_SECONDS)
+        self.reload()
         self.serve(OTHER_USER)
         self.assertEqual(0, self.call("root").returncode)
 

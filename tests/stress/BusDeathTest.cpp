@@ -280,7 +280,8 @@ std::string examplePolicy(std::string const& user, std::string const& group)
            "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\"><busconfig>"
            "<policy user=\"" +
            user +
-           "\"><allow own=\"org.example.climate\"/></policy>"
+           "\"><allow own=\"org.example.climate\"/>"
+           "<allow send_interface=\"org.freedesktop.DBus.Peer\" send_member=\"Ping\"/></policy>"
            "<policy group=\"" +
            group +
            "\"><allow send_destination=\"org.example.climate\" send_type=\"method_call\" "

@@ -45,7 +45,18 @@ struct NELO_RPC_API SPortOptions
     /// time, and also while more than 64 KiB wait to be sent, so that a sender is no quicker than the bus.
     bool rememberPeers = false;
 
-    /// What a new application should use: waitForListener, untrusted peers, at most 32 MiB waiting, rememberPeers.
+    /// How many bytes an asynchronous port may have sent that its peers have not read. The bus keeps those, and stops
+    /// reading from a port that has too many there (127 MiB on a stock system bus): then nobody is answered any more.
+    /// Each peer may have a quarter of what the others leave of the limit, and at least 64 KiB; one that has less than that
+    /// unread may be sent a value of any size that the limit has room for. Beyond it callbacks to that peer fail, with an error line, and a result becomes an error reply.
+    /// 0: no limit.
+    ///
+    /// What has been read is known from pings, one for each 64 KiB, which D-Bus libraries answer by themselves. The policy
+    /// of the bus must let the port send them; otherwise nothing is limited, and an error line says so.
+    std::size_t maxUnreadBytes = 0;
+
+    /// What a new application should use: waitForListener, untrusted peers, at most 32 MiB waiting, rememberPeers, at most
+    /// 96 MiB unread.
     static SPortOptions Recommended();
 };
 
@@ -184,6 +195,10 @@ private:
     bool IsThere(std::string const& name, bool& lost) const;
     bool MayRemember(std::string const& name) const;
     bool HasTooMuchToSend() const;
+    bool HasTooMuchUnread(std::string const& destination, std::size_t size) const;
+    bool SendCounted(DBusMessage* message, std::string const& destination, std::size_t size);
+    void Ping(std::string const& name);
+    void HandlePong(std::string const& name, DBusMessage* answer);
     void DropUndelivered() const;
     bool Send(DBusMessage* message);
     void RequireSynchronous() const;
