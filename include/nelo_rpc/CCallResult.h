@@ -71,6 +71,9 @@ public:
     /// A function without a result gives true.
     std::optional<Value> const& GetValue() const { return m_value; }
 
+    /// The same, without a copy: the result then has none.
+    std::optional<Value> TakeValue() { return std::exchange(m_value, std::nullopt); }
+
 private:
     std::optional<Value> m_value;
 };
