@@ -187,6 +187,19 @@ public:
         }
     }
 
+    /// The same for coroutines: see CProxyFunction::CallAwaitable(). CCallOptions may stand before the arguments.
+    /// Since 0.1.
+    template <auto Member, class... Given>
+    auto CallAwaitable(Given const&... given)
+    {
+        constexpr bool IS_ACCEPTED = ACCEPTS_LED<Member, internal_interface::SUnhandled, Given...>;
+        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function");
+        if constexpr (IS_ACCEPTED)
+        {
+            return Function<Member>(*this).CallAwaitable(given...);
+        }
+    }
+
     /// Lets `handler` be called with each payload of a callback, replacing an earlier handler: see CProxyCallback.
     template <auto Member, class Handler>
     void Subscribe(Handler handler)

@@ -21,6 +21,9 @@ namespace nelo_rpc
 
 class CActorProxy;
 
+template <class Value>
+class CAwaitedCall;
+
 namespace types::internal_proxyfunction
 {
 
@@ -167,6 +170,10 @@ public:
             options, [promise](std::optional<Result> value) { promise->set_value(std::move(value)); }, args...);
         return future;
     }
+
+    /// The same for coroutines, `co_await`ed: needs C++20 and nelo_rpc/Awaiting.h, where it stands. Since 0.1.
+    CAwaitedCall<Result> CallAwaitable(std::decay_t<A> const&... args) const;
+    CAwaitedCall<Result> CallAwaitable(CCallOptions const& options, std::decay_t<A> const&... args) const;
 
 private:
     static types::CValueList Pack(std::decay_t<A> const&... args)
