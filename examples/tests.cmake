@@ -14,6 +14,9 @@ add_test(NAME examples.epoll_client
 add_test(NAME examples.one_interface
     COMMAND ${examples_bus} --server $<TARGET_FILE:one_interface_server> $<TARGET_FILE:one_interface_client>)
 
+add_test(NAME examples.calls_in_flight
+    COMMAND ${examples_bus} --server $<TARGET_FILE:thermostat_server> $<TARGET_FILE:calls_in_flight>)
+
 add_test(NAME examples.timers
     COMMAND ${examples_bus} --server $<TARGET_FILE:timers_server> $<TARGET_FILE:timers_client>)
 
@@ -59,7 +62,7 @@ add_test(NAME docs.guide COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-readme
 add_test(NAME docs.logs COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-logs
     ${CMAKE_CURRENT_LIST_DIR}/../docs/logs.md ${CMAKE_CURRENT_LIST_DIR}/../src)
 
-set_tests_properties(examples.thermostat examples.epoll_client examples.one_interface examples.timers
+set_tests_properties(examples.thermostat examples.epoll_client examples.one_interface examples.calls_in_flight examples.timers
     examples.surviving_client examples.client_without_server examples.local_test examples.python_client
     examples.python_client_values ${further_tests} docs.readme docs.guide docs.logs
     PROPERTIES TIMEOUT 90)

@@ -5,6 +5,7 @@
 #include <nelo_rpc/Protocol.h>
 #include <nelo_rpc/Values.h>
 
+#include "COpenCalls.h"
 #include "SystemLog.h"
 
 #include <utility>
@@ -31,7 +32,8 @@ CActorProxy::CActorProxy(CRpcClient* client, std::string const& typeName)
       m_client(client),
       m_typeName(typeName),
       m_actorId(0),
-      m_callbacksSet(false)
+      m_callbacksSet(false),
+      m_openCalls(std::make_shared<COpenCalls>())
 {
     // Here and in all constructors that make themselves known elsewhere: unwound at its end, it would leave the client
     // with a handler of an object that never came to be.
@@ -50,7 +52,8 @@ CActorProxy::CActorProxy(CRpcClient* client, std::string const& typeName, int ac
       m_client(client),
       m_typeName(typeName),
       m_actorId(actorId),
-      m_callbacksSet(false)
+      m_callbacksSet(false),
+      m_openCalls(std::make_shared<COpenCalls>())
 {
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     SetCallbacks();
@@ -61,6 +64,7 @@ CActorProxy::~CActorProxy()
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     logDebug() << "CActorProxy::~CActorProxy actorId=" << m_actorId;
     UnsetCallbacks();
+    m_openCalls->Close();
     if (m_actorId == protocol::OWN_ACTOR_ID)
     {
         return;
@@ -103,6 +107,28 @@ void CActorProxy::SetCallbacks()
 void CActorProxy::UnsetCallbacks()
 {
     m_client->UnsubscribeCallbacks(m_actorId);
+}
+
+CCallResult CActorProxy::TryCallFunction(std::string const& name, types::CValueList const& args,
+                                         CCallOptions const& options)
+{
+    return m_client->TryCallFunction(m_typeName, m_actorId, name, args, options);
+}
+
+void CActorProxy::RemoteCallAsync(std::string const& name, types::CValueList const& args, CCallOptions const& options,
+                                  std::function<void(CCallResult result)> done)
+{
+    CCancellationGuard const guard;
+    if (auto completion = m_openCalls->Open(std::move(done)))
+    {
+        m_client->StartCall(m_typeName, m_actorId, name, args, options, std::move(completion));
+    }
+}
+
+void CActorProxy::EndCalls()
+{
+    CCancellationGuard const guard;
+    m_openCalls->Close();
 }
 
 void CActorProxy::OnCallback(std::string const& name, types::CValueList const& list)

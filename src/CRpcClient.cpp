@@ -5,6 +5,7 @@
 #include <nelo_rpc/Protocol.h>
 #include <nelo_rpc/Values.h>
 
+#include "COpenCalls.h"
 #include "SystemLog.h"
 
 #include <utility>
@@ -18,9 +19,19 @@ namespace
 /// The server, in the eyes of the client's port.
 constexpr int SERVER = 0;
 
+types::CValueList callOf(std::string const& typeName, int actorId, std::string const& functionName,
+                         types::CValueList const& args)
+{
+    types::CValueList call = args;
+    call[protocol::TYPE_NAME] = types::makeValue<std::string>(typeName);
+    call[protocol::ACTOR_ID] = types::makeValue<int>(actorId);
+    call[protocol::METHOD_NAME] = types::makeValue<std::string>(functionName);
+    return call;
+}
+
 } // namespace
 
-CRpcClient::CRpcClient(CRpcPort& port) : m_port(port)
+CRpcClient::CRpcClient(CRpcPort& port) : m_port(port), m_openCalls(std::make_shared<COpenCalls>())
 {
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     m_connectionProxy = std::make_unique<CClientConnectionProxy>(this);
@@ -30,6 +41,7 @@ CRpcClient::CRpcClient(CRpcPort& port) : m_port(port)
 CRpcClient::~CRpcClient()
 {
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    m_openCalls->Close();
     m_connectionProxy.reset();
     logDebug() << "CRpcClient::~CRpcClient done";
 }
@@ -39,13 +51,38 @@ types::CValueList CRpcClient::CallFunction(std::string const& typeName, int acto
 {
     CCancellationGuard const guard;
     logDebug() << "CRpcClient::CallFunction " << typeName << "::" << functionName;
-    types::CValueList call = args;
-    call[protocol::TYPE_NAME] = types::makeValue<std::string>(typeName);
-    call[protocol::ACTOR_ID] = types::makeValue<int>(actorId);
-    call[protocol::METHOD_NAME] = types::makeValue<std::string>(functionName);
-    types::CValueList reply = m_port.CallFunction(call, SERVER);
+    types::CValueList reply = m_port.CallFunction(callOf(typeName, actorId, functionName, args), SERVER);
     logDebug() << "CRpcClient::CallFunction " << typeName << "::" << functionName << " done";
     return reply;
+}
+
+CCallResult CRpcClient::TryCallFunction(std::string const& typeName, int actorId, std::string const& functionName,
+                                        types::CValueList const& args, CCallOptions const& options)
+{
+    CCancellationGuard const guard;
+    logDebug() << "CRpcClient::TryCallFunction " << typeName << "::" << functionName;
+    CCallResult result = m_port.TryCallFunction(callOf(typeName, actorId, functionName, args), SERVER, options);
+    logDebug() << "CRpcClient::TryCallFunction " << typeName << "::" << functionName << " "
+               << toString(result.GetStatus());
+    return result;
+}
+
+void CRpcClient::CallFunctionAsync(std::string const& typeName, int actorId, std::string const& functionName,
+                                   types::CValueList const& args, CCallOptions const& options, CRpcPort::CallDone done)
+{
+    CCancellationGuard const guard;
+    if (auto completion = m_openCalls->Open(std::move(done)))
+    {
+        StartCall(typeName, actorId, functionName, args, options, std::move(completion));
+    }
+}
+
+void CRpcClient::StartCall(std::string const& typeName, int actorId, std::string const& functionName,
+                           types::CValueList const& args, CCallOptions const& options, CRpcPort::CallDone done)
+{
+    // Nothing comes after the start: on a port that nobody reads the handler runs inside, and may destroy the caller.
+    logDebug() << "CRpcClient::CallFunctionAsync " << typeName << "::" << functionName;
+    m_port.CallFunctionAsync(callOf(typeName, actorId, functionName, args), SERVER, options, std::move(done));
 }
 
 void CRpcClient::SubscribeCallbacks(int actorId, CallbackHandler handler)

@@ -59,4 +59,33 @@ bool CRpcPort::WatchPeers(std::function<void(int connectionId)> /*onGone*/)
     return false;
 }
 
+CCallResult CRpcPort::TryCallFunction(types::CValueList const& call, int connectionId, CCallOptions const& options)
+{
+    CCancellationGuard const guard;
+    return RunCall(call, connectionId, options);
+}
+
+void CRpcPort::CallFunctionAsync(types::CValueList const& call, int connectionId, CCallOptions const& options,
+                                 CallDone done)
+{
+    CCancellationGuard const guard;
+    if (!done)
+    {
+        done = [](CCallResult const&) {};
+    }
+    StartCall(call, connectionId, options, std::move(done));
+}
+
+CCallResult CRpcPort::RunCall(types::CValueList const& call, int connectionId, CCallOptions const& /*options*/)
+{
+    types::CValueList list = CallFunction(call, connectionId);
+    return list.empty() ? CCallResult(ECallStatus::Disconnected, "no result came, and the port does not say why")
+                        : CCallResult(std::move(list));
+}
+
+void CRpcPort::StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options, CallDone done)
+{
+    done(RunCall(call, connectionId, options));
+}
+
 } // namespace nelo_rpc

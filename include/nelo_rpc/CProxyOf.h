@@ -42,6 +42,34 @@ struct SCallCheck<R(A...)>
     }
 };
 
+/// What takes no result.
+struct SUnhandled
+{
+};
+
+/// Whether a call accepts the arguments, before which options and a handler of a `Handled` may stand.
+template <class Signature, class Handled>
+constexpr bool acceptsLed()
+{
+    return SCallCheck<Signature>::template Accepts<>();
+}
+template <class Signature, class Handled, class First, class... Rest>
+constexpr bool acceptsLed()
+{
+    if constexpr (std::is_same_v<First, CCallOptions>)
+    {
+        return acceptsLed<Signature, Handled, Rest...>();
+    }
+    else if constexpr (std::is_invocable_v<First&, Handled>)
+    {
+        return SCallCheck<Signature>::template Accepts<Rest...>();
+    }
+    else
+    {
+        return SCallCheck<Signature>::template Accepts<First, Rest...>();
+    }
+}
+
 template <class Member>
 struct SProxyCallbackOf;
 template <class C, class... A>
@@ -119,6 +147,59 @@ public:
         }
     }
 
+    /// As TryCall(), but says how the call ended: see CProxyFunction::TryCallFunction(). CCallOptions may stand before
+    /// the arguments. Since 0.1.
+    template <auto Member, class... Given>
+    auto TryCallFunction(Given const&... given)
+    {
+        constexpr bool IS_ACCEPTED = ACCEPTS_LED<Member, internal_interface::SUnhandled, Given...>;
+        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function");
+        if constexpr (IS_ACCEPTED)
+        {
+            return Function<Member>(*this).TryCallFunction(given...);
+        }
+    }
+
+    /// Starts a call and returns without waiting for its end: see CProxyFunction::CallAsync(). CCallOptions, and then a
+    /// handler of a std::optional, may stand before the arguments; without a handler this gives a std::future.
+    /// Since 0.1.
+    template <auto Member, class... Given>
+    auto CallAsync(Given const&... given)
+    {
+        constexpr bool IS_ACCEPTED = ACCEPTS_LED<Member, std::optional<ResultOf<Member>>, Given...>;
+        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function");
+        if constexpr (IS_ACCEPTED)
+        {
+            return Function<Member>(*this).CallAsync(given...);
+        }
+    }
+
+    /// The same, with CCallOptions and a handler that hears how the call ended: see CProxyFunction::CallFunctionAsync().
+    /// Since 0.1.
+    template <auto Member, class... Given>
+    void CallFunctionAsync(Given const&... given)
+    {
+        constexpr bool IS_ACCEPTED = ACCEPTS_LED<Member, CCallResultOf<ResultOf<Member>>, Given...>;
+        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function");
+        if constexpr (IS_ACCEPTED)
+        {
+            Function<Member>(*this).CallFunctionAsync(given...);
+        }
+    }
+
+    /// The same for coroutines: see CProxyFunction::CallAwaitable(). CCallOptions may stand before the arguments.
+    /// Since 0.1.
+    template <auto Member, class... Given>
+    auto CallAwaitable(Given const&... given)
+    {
+        constexpr bool IS_ACCEPTED = ACCEPTS_LED<Member, internal_interface::SUnhandled, Given...>;
+        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function");
+        if constexpr (IS_ACCEPTED)
+        {
+            return Function<Member>(*this).CallAwaitable(given...);
+        }
+    }
+
     /// Lets `handler` be called with each payload of a callback, replacing an earlier handler: see CProxyCallback.
     template <auto Member, class Handler>
     void Subscribe(Handler handler)
@@ -143,6 +224,13 @@ private:
     template <auto Member, class... Args>
     static constexpr bool ACCEPTS = internal_interface::SCallCheck<
         typename SFunction<Member>::Signature>::template Accepts<std::decay_t<Args>...>();
+
+    template <auto Member, class Handled, class... Given>
+    static constexpr bool ACCEPTS_LED =
+        internal_interface::acceptsLed<typename SFunction<Member>::Signature, Handled, std::decay_t<Given>...>();
+
+    template <auto Member>
+    using ResultOf = typename CProxyFunction<typename SFunction<Member>::Signature>::Result;
 };
 
 } // namespace nelo_rpc

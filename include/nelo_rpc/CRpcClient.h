@@ -14,6 +14,7 @@ namespace nelo_rpc
 {
 
 class CClientConnectionProxy;
+class COpenCalls;
 
 /// The client's root object: sends the calls of proxies to the server and routes callbacks to them.
 ///
@@ -31,6 +32,7 @@ public:
     CRpcClient& operator=(CRpcClient const&) = delete;
 
     /// All proxies must be destroyed before, and the delivery of callbacks stopped: the port's listener stays.
+    /// Asynchronous calls of the client's own that are open are completed as Disconnected, on the calling thread.
     virtual ~CRpcClient();
 
     /// Sends one call and blocks for its result list, which is empty when none came. Any thread.
@@ -57,10 +59,26 @@ public:
     /// The proxy of the server's connection actor; owned by the client.
     CActorProxy* GetConnectionProxy();
 
+    /// As CallFunction(), but says how the call ended, and takes options. Any thread. Since 0.1.
+    CCallResult TryCallFunction(std::string const& typeName, int actorId, std::string const& functionName,
+                                types::CValueList const& args, CCallOptions const& options = {});
+
+    /// Starts a call and returns without waiting for its end, of which `done` hears: see
+    /// CRpcPort::CallFunctionAsync(). It is never called after the client's destructor has returned. Any thread.
+    /// Since 0.1.
+    void CallFunctionAsync(std::string const& typeName, int actorId, std::string const& functionName,
+                           types::CValueList const& args, CCallOptions const& options, CRpcPort::CallDone done);
+
 private:
+    friend class CActorProxy; // keeps its calls itself
+
+    void StartCall(std::string const& typeName, int actorId, std::string const& functionName,
+                   types::CValueList const& args, CCallOptions const& options, CRpcPort::CallDone done);
+
     CRpcPort& m_port;
     std::unique_ptr<CClientConnectionProxy> m_connectionProxy;
     internal_guarded::CGuardedTable<int, std::string const&, types::CValueList const&> m_subscriptions;
+    std::shared_ptr<COpenCalls> m_openCalls; // shared with the calls
 };
 
 } // namespace nelo_rpc

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nelo_rpc/CCallOptions.h>
+#include <nelo_rpc/CCallResult.h>
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Export.h>
 #include <nelo_rpc/GuardedFunction.h>
@@ -98,9 +100,38 @@ public:
     /// @return whether the port can tell.
     virtual bool WatchPeers(std::function<void(int connectionId)> onGone);
 
+    /// Completes a call that CallFunctionAsync() has started. Called once.
+    using CallDone = std::function<void(CCallResult result)>;
+
+    /// As CallFunction(), but says how the call ended, and takes options. A value of a class that cannot be sent is
+    /// a BadValue here. Any thread. Since 0.1.
+    CCallResult TryCallFunction(types::CValueList const& call, int connectionId, CCallOptions const& options = {});
+
+    /// Starts a call and returns without waiting for its end, of which `done` hears: once, whatever happens. Any
+    /// thread. Since 0.1.
+    ///
+    /// `done` runs on the thread that runs the listener for callbacks, after the callbacks that the server sent before
+    /// the result, and nothing else is delivered meanwhile. It may use the port, but not destroy it. If nothing reads
+    /// the port, and with a port that does not say otherwise, the call is made and completed before this returns, and
+    /// `done` runs on the calling thread. An exception that leaves it ends the process.
+    ///
+    /// A port that is destroyed completes the calls that are open as Disconnected.
+    ///
+    /// @param done  may be empty.
+    void CallFunctionAsync(types::CValueList const& call, int connectionId, CCallOptions const& options, CallDone done);
+
 protected:
     /// Whether a listener for calls is installed. Any thread.
     bool HasFunctionCallListener() const;
+
+    /// For implementations: makes a call and waits for its end. By default CallFunction() does, with the port's
+    /// time-out whatever the options say, and without a result the call counts as Disconnected: CallFunction() does not
+    /// tell why. Since 0.1.
+    virtual CCallResult RunCall(types::CValueList const& call, int connectionId, CCallOptions const& options);
+
+    /// For implementations: starts a call, and sees to it that `done`, which is not empty, is called once. By default
+    /// RunCall() is waited for and `done` runs on the calling thread. Since 0.1.
+    virtual void StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options, CallDone done);
 
 private:
     internal_guarded::CGuardedFunction<types::CValueList const&> m_callbackListener;

@@ -15,7 +15,10 @@
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/Values.h>
 
-// Seams: typed functions as remotely callable ones, actor types that are declared once, and the transport.
+// Seams: typed functions as remotely callable ones, actor types that are declared once, and the transport with what a
+// call may choose and how it ended.
+#include <nelo_rpc/CCallOptions.h>
+#include <nelo_rpc/CCallResult.h>
 #include <nelo_rpc/CInterface.h>
 #include <nelo_rpc/CRpcPort.h>
 #include <nelo_rpc/FunctionAdapters.h>

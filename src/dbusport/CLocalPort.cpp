@@ -5,11 +5,13 @@
 
 #include "../SystemLog.h"
 #include "CPeerWatch.h"
+#include "CallFailure.h"
 #include "DbusPointers.h"
 #include "ErrorReply.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -30,8 +32,13 @@ namespace nelo_rpc
 namespace
 {
 
+using dbus::SCallFailure;
+using std::chrono::steady_clock;
+
 /// What a bus takes -1 for.
 constexpr int DEFAULT_TIMEOUT_MS = 25000;
+
+constexpr char const* TOO_LATE = "no reply within the time-out";
 
 /// Nothing announces a listener, so a port that holds a call back for one looks this often.
 constexpr std::chrono::milliseconds LISTENER_CHECK(10);
@@ -44,33 +51,89 @@ struct SNews
     std::set<std::string> present;
 };
 
+struct SMailbox;
+
 /// A message on its way, and of a call the way back; or news, without a message.
 struct SMessage
 {
     explicit SMessage(DBusMessage* m) : message(m) {}
     explicit SMessage(SNews n) : news(std::move(n)) {}
 
-    dbus::MessagePointer const message;
+    dbus::MessagePointer const message; // null too for a call that cannot be sent
     SNews const news;
     std::atomic<bool> replied{false};
 
-    // All below is guarded by the bus's mutex.
+    /// Empty if the caller waits for the call's end. Else the end goes to the caller's queue, and the thread that takes
+    /// it from there takes this.
+    CRpcPort::CallDone done;
+
+    // All below is guarded by the bus's mutex; reply and failure do not change once the call is over.
     std::condition_variable ended;
     bool over = false;
     dbus::MessagePointer reply; // null: the call failed
-    std::string failure;
+    SCallFailure failure;
+
+    // Of a call that is open.
+    std::shared_ptr<SMailbox> caller;
+    std::shared_ptr<SMailbox> callee;
+    steady_clock::time_point deadline;
+};
+
+/// What a port has to handle: a message that arrived, or the end of a call that it made.
+struct SItem
+{
+    std::shared_ptr<SMessage> message;
+    bool isEnd;
 };
 
 /// What a bus keeps for a port; guarded by the bus's mutex.
 struct SMailbox
 {
     std::condition_variable changed;
-    std::deque<std::shared_ptr<SMessage>> queue;
-    std::set<std::shared_ptr<SMessage>> openCalls; // to the port and from it
+    std::deque<SItem> queue;
+    std::set<std::shared_ptr<SMessage>> openCalls;                                      // to the port and from it
+    std::set<std::pair<steady_clock::time_point, std::shared_ptr<SMessage>>> deadlines; // of those it does not wait for
     std::string uniqueName;
     bool watches = false;
     bool closed = false;
 };
+
+/// Lets one thread at a time have something. Not a std::timed_mutex, of which ThreadSanitizer knows nothing.
+class CTurn
+{
+public:
+    void lock() // named as the standard library's locks want it
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_free.wait(lock, [this] { return !m_taken; });
+        m_taken = true;
+    }
+
+    bool try_lock_until(steady_clock::time_point deadline)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        bool const isFree = m_free.wait_until(lock, deadline, [this] { return !m_taken; });
+        m_taken = m_taken || isFree;
+        return isFree;
+    }
+
+    void unlock()
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        m_taken = false;
+        m_free.notify_one();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_free;
+    bool m_taken = false;
+};
+
+steady_clock::time_point deadlineIn(int timeoutMs)
+{
+    return steady_clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
+}
 
 std::string newUniqueName()
 {
@@ -78,18 +141,19 @@ std::string newUniqueName()
     return ":local." + std::to_string(++last);
 }
 
-std::string whyNotCallable(std::string const& destination, int timeoutMs, types::CValueList const& call)
+/// What keeps a call from being made, whatever its arguments are.
+SCallFailure whyNotCallable(std::string const& destination, int timeoutMs)
 {
     dbus::CError error;
     if (timeoutMs < -1)
     {
-        return "no time-out of " + std::to_string(timeoutMs) + " milliseconds";
+        return {ECallStatus::BadValue, "no time-out of " + std::to_string(timeoutMs) + " milliseconds"};
     }
     if (!dbus_validate_bus_name(destination.c_str(), error.Get()))
     {
-        return error.Message();
+        return {ECallStatus::NoServer, error.Message()};
     }
-    return dbus::whyNotSendable(call);
+    return {};
 }
 
 } // namespace
@@ -124,7 +188,7 @@ public:
             news.present.insert(owner.first);
         }
         mailbox.watches = true;
-        mailbox.queue.push_back(std::make_shared<SMessage>(std::move(news)));
+        mailbox.queue.push_back({std::make_shared<SMessage>(std::move(news)), false});
         mailbox.changed.notify_all();
     }
 
@@ -146,49 +210,74 @@ public:
         return Push(message) != nullptr;
     }
 
-    /// Sends a call and waits for its end; null and the cause if no reply came.
-    dbus::MessagePointer Call(SMailbox& from, std::shared_ptr<SMessage> const& call, int timeoutMs,
-                              std::string& failure)
+    /// Sends a call and waits for its end.
+    void Call(std::shared_ptr<SMailbox> const& from, std::shared_ptr<SMessage> const& call,
+              steady_clock::time_point deadline)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        std::shared_ptr<SMailbox> const to = from.closed ? nullptr : Push(call);
-        if (to == nullptr)
+        Open(from, call);
+        if (steady_clock::now() < deadline) // else even a very quick reply is too late
         {
-            failure = from.closed ? "the port is closed" : "no port has the name of the peer";
-            return nullptr;
+            call->ended.wait_until(lock, deadline, [&] { return call->over; });
         }
-        from.openCalls.insert(call);
-        to->openCalls.insert(call);
-        if (timeoutMs != 0) // else even a very quick reply is too late
-        {
-            std::chrono::milliseconds const limit(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
-            call->ended.wait_for(lock, limit, [&] { return call->over; });
-        }
-        from.openCalls.erase(call);
-        to->openCalls.erase(call);
-        End(*call, nullptr, "no reply within the time-out");
-        failure = call->failure;
-        return std::move(call->reply);
+        EndLate(call);
     }
 
-    void Reply(SMessage& call, dbus::MessagePointer reply, std::string const& failure)
+    /// Sends a call, unless something keeps it from being sent, and does not wait: its end goes to the caller's queue.
+    ///
+    /// @return false if nobody reads that any more; then the call has failed here.
+    bool Start(std::shared_ptr<SMailbox> const& from, std::shared_ptr<SMessage> const& call,
+               steady_clock::time_point deadline, SCallFailure const& obstacle)
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
-        End(call, std::move(reply), failure);
+        bool const isRead = !from->closed;
+        if (isRead)
+        {
+            call->caller = from;
+        }
+        if (obstacle)
+        {
+            End(call, nullptr, obstacle);
+            return isRead;
+        }
+        call->deadline = deadline;
+        Open(from, call);
+        if (steady_clock::now() >= deadline)
+        {
+            EndLate(call);
+        }
+        if (!call->over)
+        {
+            from->deadlines.emplace(deadline, call);
+            from->changed.notify_all(); // whoever reads the queue waits no longer than that
+        }
+        return isRead;
     }
 
-    /// The next message for a port; waits for it. Null once the port is closed.
-    std::shared_ptr<SMessage> Receive(SMailbox& mailbox)
+    void Reply(std::shared_ptr<SMessage> const& call, dbus::MessagePointer reply, std::string const& refusal)
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        bool const isRefused = reply == nullptr;
+        End(call, std::move(reply), isRefused ? SCallFailure{ECallStatus::Refused, refusal} : SCallFailure{});
+    }
+
+    /// The next item for a port; waits for it. Nothing once the port is closed and has been told of all its calls.
+    std::optional<SItem> Receive(SMailbox& mailbox)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        mailbox.changed.wait(lock, [&] { return mailbox.closed || !mailbox.queue.empty(); });
-        if (mailbox.closed)
+        EndLateCalls(mailbox);
+        while (mailbox.queue.empty() && !mailbox.closed)
         {
-            return nullptr;
+            WaitForItem(lock, mailbox);
+            EndLateCalls(mailbox);
         }
-        std::shared_ptr<SMessage> message = std::move(mailbox.queue.front());
+        if (mailbox.queue.empty())
+        {
+            return std::nullopt;
+        }
+        SItem item = std::move(mailbox.queue.front());
         mailbox.queue.pop_front();
-        return message;
+        return item;
     }
 
     /// Whether the port is closed by then.
@@ -205,15 +294,18 @@ public:
         {
             owner = owner->second == mailbox ? m_owners.erase(owner) : std::next(owner);
         }
-        for (auto const& call : mailbox->openCalls)
+        for (auto const& call : std::set<std::shared_ptr<SMessage>>(mailbox->openCalls)) // a copy: each one leaves
         {
-            End(*call, nullptr, "a port was destroyed before the reply came");
+            End(call, nullptr, {ECallStatus::Disconnected, "a port was destroyed before the reply came"});
         }
+        auto const isMessage = [](SItem const& item) { return !item.isEnd; };
+        auto const messages = std::remove_if(mailbox->queue.begin(), mailbox->queue.end(), isMessage);
+        mailbox->queue.erase(messages, mailbox->queue.end());
         for (auto const& [name, other] : m_owners)
         {
             if (other->watches && name == other->uniqueName) // once for each port
             {
-                other->queue.push_back(std::make_shared<SMessage>(SNews{mailbox->uniqueName, {}}));
+                other->queue.push_back({std::make_shared<SMessage>(SNews{mailbox->uniqueName, {}}), false});
                 other->changed.notify_all();
             }
         }
@@ -232,20 +324,80 @@ private:
         {
             return nullptr;
         }
-        owner->second->queue.push_back(message);
+        owner->second->queue.push_back({message, false});
         owner->second->changed.notify_all();
         return owner->second;
     }
 
-    /// What comes first ends a call: the reply, the time-out or the end of a port.
-    static void End(SMessage& call, dbus::MessagePointer reply, std::string const& failure)
+    /// Sends a call, or ends it.
+    void Open(std::shared_ptr<SMailbox> const& from, std::shared_ptr<SMessage> const& call)
     {
-        if (!call.over)
+        std::shared_ptr<SMailbox> const to = from->closed ? nullptr : Push(call);
+        if (to == nullptr)
         {
-            call.over = true;
-            call.reply = std::move(reply);
-            call.failure = failure;
-            call.ended.notify_all();
+            End(call, nullptr,
+                from->closed ? SCallFailure{ECallStatus::Disconnected, "the port is closed"}
+                             : SCallFailure{ECallStatus::NoServer, "no port has the name of the peer"});
+            return;
+        }
+        call->caller = from;
+        call->callee = to;
+        from->openCalls.insert(call);
+        to->openCalls.insert(call);
+    }
+
+    /// What comes first ends a call: the reply, the time-out or the end of a port.
+    static void End(std::shared_ptr<SMessage> const& call, dbus::MessagePointer reply, SCallFailure failure)
+    {
+        if (call->over)
+        {
+            return;
+        }
+        call->over = true;
+        call->reply = std::move(reply);
+        call->failure = std::move(failure);
+        call->ended.notify_all();
+        std::shared_ptr<SMailbox> const caller = std::move(call->caller);
+        std::shared_ptr<SMailbox> const callee = std::move(call->callee);
+        if (callee != nullptr)
+        {
+            callee->openCalls.erase(call);
+        }
+        if (caller != nullptr)
+        {
+            caller->openCalls.erase(call);
+            caller->deadlines.erase({call->deadline, call});
+            if (call->done)
+            {
+                caller->queue.push_back({call, true});
+                caller->changed.notify_all();
+            }
+        }
+    }
+
+    static void EndLate(std::shared_ptr<SMessage> const& call)
+    {
+        End(call, nullptr, {ECallStatus::TimedOut, TOO_LATE});
+    }
+
+    static void EndLateCalls(SMailbox& mailbox)
+    {
+        auto const now = steady_clock::now();
+        while (!mailbox.deadlines.empty() && mailbox.deadlines.begin()->first <= now)
+        {
+            EndLate(std::shared_ptr<SMessage>(mailbox.deadlines.begin()->second)); // a copy: it leaves
+        }
+    }
+
+    static void WaitForItem(std::unique_lock<std::mutex>& lock, SMailbox& mailbox)
+    {
+        if (mailbox.deadlines.empty())
+        {
+            mailbox.changed.wait(lock);
+        }
+        else
+        {
+            mailbox.changed.wait_until(lock, steady_clock::time_point(mailbox.deadlines.begin()->first));
         }
     }
 
@@ -281,11 +433,17 @@ public:
     std::optional<SPeerCredentials> GetPeerCredentials(int connectionId);
     void WatchPeers(std::function<void(int connectionId)> onGone);
     types::CValueList CallFunction(types::CValueList const& call, int connectionId);
+    CCallResult RunCall(types::CValueList const& call, int connectionId, CCallOptions const& options);
+    void StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options,
+                   CRpcPort::CallDone done);
     bool SendCallback(types::CValueList const& callback, int connectionId);
     bool IsConnected(int connectionId);
     void SetTimeoutMs(int timeoutMs);
 
 private:
+    /// What keeps arguments from being sent.
+    using ArgumentLook = SCallFailure (*)(types::CValueList const& call);
+
     void RequestName();
     void Receive();
     bool WaitForListener();
@@ -294,7 +452,13 @@ private:
     int GetOrAddConnection(std::string const& sender);
     std::string GetOrInsertName(int connectionId);
     std::shared_ptr<SMessage> FromThisPort(DBusMessage* message) const;
-    void SendFunctionResult(SMessage& call, types::CValueList const& result);
+    std::string DestinationOf(int connectionId);
+    std::shared_ptr<SMessage> MakeCall(types::CValueList const& call, int connectionId, int timeoutMs,
+                                       ArgumentLook look, SCallFailure& obstacle);
+    static CCallResult ResultOf(SMessage const& call);
+    static CCallResult Failed(SCallFailure const& failure);
+    static void Complete(SMessage& call);
+    void SendFunctionResult(std::shared_ptr<SMessage> const& call, types::CValueList const& result);
     void RequireMode(bool bUseAsync) const;
 
     // Only for the receiver thread.
@@ -306,7 +470,7 @@ private:
     bool const m_bUseAsync;
     std::string const m_uniqueName = newUniqueName();
     std::atomic<int> m_timeoutMs{-1};
-    std::mutex m_callMutex; // held for the whole of a blocking call
+    CTurn m_callTurn; // held for the whole of a blocking call
 
     std::mutex m_connectionsMutex; // guards the next three
     int m_lastConnectionId = -1;
@@ -359,8 +523,14 @@ void CLocalPort::CImpl::Close()
 
 void CLocalPort::CImpl::Receive()
 {
-    while (auto const message = m_bus->Receive(*m_mailbox))
+    while (auto const item = m_bus->Receive(*m_mailbox))
     {
+        auto const& message = item->message;
+        if (item->isEnd)
+        {
+            Complete(*message);
+            continue;
+        }
         if (message->message == nullptr)
         {
             OnNews(message->news);
@@ -429,7 +599,7 @@ void CLocalPort::CImpl::OnDbusMessage(std::shared_ptr<SMessage> const& message)
             CCancellationGuard const guard;
             if (!message->replied.exchange(true))
             {
-                self->SendFunctionResult(*message, result);
+                self->SendFunctionResult(message, result);
             }
         };
         m_port.OnFunctionCall(list, connectionId, reply);
@@ -506,30 +676,94 @@ std::shared_ptr<SMessage> CLocalPort::CImpl::FromThisPort(DBusMessage* message) 
     return sent;
 }
 
-types::CValueList CLocalPort::CImpl::CallFunction(types::CValueList const& call, int connectionId)
+std::string CLocalPort::CImpl::DestinationOf(int connectionId)
 {
-    RequireMode(false);
     std::string const destination = GetOrInsertName(connectionId);
     logDebug() << "CLocalPort::SendMessage from " << m_name << " to " << destination;
+    return destination;
+}
+
+types::CValueList CLocalPort::CImpl::CallFunction(types::CValueList const& call, int connectionId)
+{
+    SCallFailure obstacle;
     int const timeoutMs = m_timeoutMs;
-    std::string failure = whyNotCallable(destination, timeoutMs, call);
-    dbus::MessagePointer reply;
-    if (failure.empty())
+    auto const message = MakeCall(call, connectionId, timeoutMs, &dbus::failureToSend, obstacle);
+    if (obstacle)
     {
-        auto const message = FromThisPort(dbus::valueListToFunctionCall(destination, call));
-        std::lock_guard<std::mutex> const lock(m_callMutex);
-        reply = m_bus->Call(*m_mailbox, message, timeoutMs, failure);
+        return Failed(obstacle).TakeList();
     }
-    if (!failure.empty())
     {
-        logError() << "Dbus error: " << failure;
+        std::lock_guard<CTurn> const turn(m_callTurn);
+        m_bus->Call(m_mailbox, message, deadlineIn(timeoutMs));
     }
-    types::CValueList result = dbus::dbusMessageToValueList(reply.get());
-    if (reply == nullptr)
+    return ResultOf(*message).TakeList();
+}
+
+CCallResult CLocalPort::CImpl::RunCall(types::CValueList const& call, int connectionId, CCallOptions const& options)
+{
+    SCallFailure obstacle;
+    int const timeoutMs = options.GetTimeoutMs().value_or(m_timeoutMs);
+    auto const deadline = deadlineIn(timeoutMs);
+    auto const message = MakeCall(call, connectionId, timeoutMs, &dbus::failureToSendAnything, obstacle);
+    if (obstacle)
     {
-        logError() << "CLocalPort::SendMessage received empty reply";
+        return Failed(obstacle);
     }
-    return result;
+    {
+        std::unique_lock<CTurn> const turn(m_callTurn, deadline);
+        if (!turn.owns_lock())
+        {
+            return Failed({ECallStatus::TimedOut, TOO_LATE});
+        }
+        m_bus->Call(m_mailbox, message, deadline);
+    }
+    return ResultOf(*message);
+}
+
+void CLocalPort::CImpl::StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options,
+                                  CRpcPort::CallDone done)
+{
+    SCallFailure obstacle;
+    int const timeoutMs = options.GetTimeoutMs().value_or(m_timeoutMs);
+    auto const deadline = deadlineIn(timeoutMs);
+    auto const message = MakeCall(call, connectionId, timeoutMs, &dbus::failureToSendAnything, obstacle);
+    message->done = std::move(done);
+    if (!m_bus->Start(m_mailbox, message, deadline, obstacle))
+    {
+        Complete(*message);
+    }
+}
+
+std::shared_ptr<SMessage> CLocalPort::CImpl::MakeCall(types::CValueList const& call, int connectionId, int timeoutMs,
+                                                      ArgumentLook look, SCallFailure& obstacle)
+{
+    RequireMode(false);
+    std::string const destination = DestinationOf(connectionId);
+    obstacle = whyNotCallable(destination, timeoutMs);
+    if (!obstacle)
+    {
+        obstacle = look(call);
+    }
+    return obstacle ? std::make_shared<SMessage>(static_cast<DBusMessage*>(nullptr))
+                    : FromThisPort(dbus::valueListToFunctionCall(destination, call));
+}
+
+CCallResult CLocalPort::CImpl::ResultOf(SMessage const& call)
+{
+    return call.failure ? Failed(call.failure) : CCallResult(dbus::dbusMessageToValueList(call.reply.get()));
+}
+
+CCallResult CLocalPort::CImpl::Failed(SCallFailure const& failure)
+{
+    logError() << "Dbus error: " << failure.reason;
+    logError() << "CLocalPort::SendMessage received empty reply";
+    return CCallResult(failure.status, failure.reason);
+}
+
+void CLocalPort::CImpl::Complete(SMessage& call)
+{
+    CRpcPort::CallDone const done = std::move(call.done);
+    done(ResultOf(call));
 }
 
 bool CLocalPort::CImpl::SendCallback(types::CValueList const& callback, int connectionId)
@@ -551,15 +785,15 @@ bool CLocalPort::CImpl::SendCallback(types::CValueList const& callback, int conn
     return m_bus->Send(FromThisPort(dbus::valueListToCallback(destination, callback)));
 }
 
-void CLocalPort::CImpl::SendFunctionResult(SMessage& call, types::CValueList const& result)
+void CLocalPort::CImpl::SendFunctionResult(std::shared_ptr<SMessage> const& call, types::CValueList const& result)
 {
     RequireMode(true);
     if (refusal::CRefusal const* const refused = refusal::find(result))
     {
         dbus::SErrorReply const error = dbus::errorReplyFor(*refused);
         logDebug() << "CLocalPort::SendFunctionResult to "
-                   << types::toString(dbus_message_get_sender(call.message.get())) << " refuses: " << error.name << ": "
-                   << error.text;
+                   << types::toString(dbus_message_get_sender(call->message.get())) << " refuses: " << error.name
+                   << ": " << error.text;
         m_bus->Reply(call, nullptr, error.text);
         return;
     }
@@ -567,12 +801,12 @@ void CLocalPort::CImpl::SendFunctionResult(SMessage& call, types::CValueList con
     dbus::MessagePointer reply;
     if (why.empty())
     {
-        reply.reset(dbus::valueListToFunctionResult(call.message.get(), result));
+        reply.reset(dbus::valueListToFunctionResult(call->message.get(), result));
     }
     else
     {
         logError() << "CLocalPort::SendFunctionResult to "
-                   << types::toString(dbus_message_get_sender(call.message.get())) << " refused: " << why;
+                   << types::toString(dbus_message_get_sender(call->message.get())) << " refused: " << why;
     }
     m_bus->Reply(call, std::move(reply), why);
 }
@@ -592,7 +826,7 @@ bool CLocalPort::CImpl::IsConnected(int connectionId)
     if (!name.empty())
     {
         // On a bus the question would wait for a call that is under way, and so it does here.
-        std::lock_guard<std::mutex> const lock(m_callMutex);
+        std::lock_guard<CTurn> const turn(m_callTurn);
         connected = m_bus->HasOwner(name);
     }
     logDebug() << "CLocalPort::IsConnected returns " << (connected ? "true" : "false");
@@ -640,6 +874,18 @@ types::CValueList CLocalPort::CallFunction(types::CValueList const& call, int co
     CCancellationGuard const guard;
     auto const impl = m_impl; // lives on if the port is destroyed meanwhile
     return impl->CallFunction(call, connectionId);
+}
+
+CCallResult CLocalPort::RunCall(types::CValueList const& call, int connectionId, CCallOptions const& options)
+{
+    auto const impl = m_impl;
+    return impl->RunCall(call, connectionId, options);
+}
+
+void CLocalPort::StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options, CallDone done)
+{
+    auto const impl = m_impl;
+    impl->StartCall(call, connectionId, options, std::move(done));
 }
 
 bool CLocalPort::SendCallback(types::CValueList const& callback, int connectionId)

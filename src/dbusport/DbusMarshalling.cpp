@@ -4,6 +4,7 @@
 
 #include "../SystemLog.h"
 #include "CMessageLayout.h"
+#include "CallFailure.h"
 #include "DbusNames.h"
 #include "DbusPointers.h"
 #include "WireValue.h"
@@ -478,20 +479,34 @@ std::string readValueList(DBusMessage* msg, types::CValueList& list)
     return "";
 }
 
-std::string whyNotSendable(types::CValueList const& list)
+SCallFailure failureToSend(types::CValueList const& call)
 {
     SFootprint footprint;
-    for (auto const& [index, value] : list)
+    for (auto const& [index, value] : call)
     {
         SWireValue const wire = wireValueOf(*value);
         char const* const why = wire.IsText() ? whyNotText(wire.data, wire.size) : nullptr;
         if (why != nullptr)
         {
-            return why;
+            return {ECallStatus::BadValue, why};
         }
         footprint.Add(wire);
     }
-    return types::toString(footprint.WhyTooLarge());
+    char const* const why = footprint.WhyTooLarge();
+    return why == nullptr ? SCallFailure{} : SCallFailure{ECallStatus::TooLarge, why};
+}
+
+SCallFailure failureToSendAnything(types::CValueList const& call)
+{
+    bool const haveTags = std::all_of(call.begin(), call.end(),
+                                      [](auto const& entry) { return wireValueOf(*entry.second).tag != NO_TAG; });
+    return haveTags ? failureToSend(call)
+                    : SCallFailure{ECallStatus::BadValue, "a value of a class without a tag cannot be sent"};
+}
+
+std::string whyNotSendable(types::CValueList const& list)
+{
+    return failureToSend(list).reason;
 }
 
 DBusMessage* valueListToFunctionCall(std::string const& destination, types::CValueList const& list)

@@ -437,6 +437,44 @@ TEST(CRpcPort, AfterAReplacementReturnedTheOldListenerTouchesNothingWhileMessage
     EXPECT_EQ(0, late);
 }
 
+TEST(CRpcPort, ThatDoesNotSayOtherwiseMakesAnAsynchronousCallBeforeItReturns)
+{
+    CFakePort port;
+    port.AnswerNext(listOf(8));
+    std::vector<std::thread::id> threads;
+    std::string seen;
+
+    port.CallFunctionAsync(listOf(1), 3, {}, [&](CCallResult const& result) {
+        threads.push_back(std::this_thread::get_id());
+        seen = types::toString(result.GetList());
+    });
+
+    EXPECT_EQ(std::vector<std::thread::id>{std::this_thread::get_id()}, threads);
+    EXPECT_EQ(types::toString(listOf(8)), seen);
+    ASSERT_EQ(1u, port.Calls().size());
+    EXPECT_EQ(3, port.Calls()[0].connectionId);
+    EXPECT_EQ(types::toString(listOf(1)), types::toString(port.Calls()[0].list));
+}
+
+TEST(CRpcPort, TakesAnAsynchronousCallThatNobodyWantsToHearOf)
+{
+    CFakePort port;
+    port.CallFunctionAsync(listOf(1), 0, {}, nullptr);
+
+    EXPECT_EQ(1u, port.Calls().size());
+}
+
+TEST(CRpcPort, ThatDoesNotSayWhyACallFailedCountsItAsDisconnected)
+{
+    CFakePort port;
+    port.AnswerNext(listOf(8));
+    EXPECT_EQ(ECallStatus::Ok, port.TryCallFunction(listOf(1), 0).GetStatus());
+
+    CCallResult const failed = port.TryCallFunction(listOf(1), 0, CCallOptions(100));
+    EXPECT_EQ(ECallStatus::Disconnected, failed.GetStatus());
+    EXPECT_EQ("no result came, and the port does not say why", failed.GetReason());
+}
+
 TEST(CRpcPort, CanBeDestroyedThroughItsBaseClass)
 {
     EXPECT_TRUE(std::has_virtual_destructor_v<CRpcPort>);

@@ -39,6 +39,8 @@ private:
 ///
 /// - A synchronous port delivers its callbacks by itself, on a thread of its own and until it is destroyed. A client
 ///   on it leaves its listener behind: take that away, with SetCallbackListener({}), before destroying the client.
+///   The same thread completes asynchronous calls, of which any number may be under way. A time-out is noticed when no
+///   handler runs.
 /// - An asynchronous port is there as soon as it is made. The first call waits until a function-call listener is first
 ///   installed, and with it whatever arrives behind it. Callbacks do not wait for a listener.
 /// - A second asynchronous port of the same name gets it when the first one is destroyed.
@@ -60,7 +62,8 @@ public:
     CLocalPort(CLocalBus& bus, char const* name, char const* defaultName) = delete;
 
     /// Waits for a listener that is running, and drops what was not handed to one. Calls in flight, to this port or
-    /// from it, end at once without a reply. Not from a listener of this port: that stops the process.
+    /// from it, end at once without a reply; asynchronous ones are completed before this returns. Not from a listener
+    /// of this port: that stops the process.
     ~CLocalPort() override;
 
     /// Synchronous ports only; see CRpcPort. Calls of several threads are served one after the other.
@@ -84,6 +87,15 @@ public:
     /// See CRpcPort; about ports that have called or called back, in both modes. Behind a call that waits for a
     /// listener, `onGone` waits too.
     bool WatchPeers(std::function<void(int connectionId)> onGone) override;
+
+protected:
+    /// See CRpcPort::TryCallFunction(). The time-out counts the wait for calls of other threads too.
+    CCallResult RunCall(types::CValueList const& call, int connectionId, CCallOptions const& options) override;
+
+    /// See CRpcPort::CallFunctionAsync(). The call is sent at once, and `done` runs on the port's thread. A port that
+    /// is being destroyed completes it on the calling thread.
+    void StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options,
+                   CallDone done) override;
 
 private:
     class CImpl;

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <nelo_rpc/CCallResult.h>
+#include <nelo_rpc/CValueList.h>
+
+#include <string>
+
+namespace nelo_rpc::dbus
+{
+
+/// Why a call failed, or that it did not.
+struct SCallFailure
+{
+    ECallStatus status = ECallStatus::Ok;
+    std::string reason;
+
+    explicit operator bool() const { return status != ECallStatus::Ok; }
+};
+
+/// What keeps the arguments of a call from being sent: what whyNotSendable() objects to.
+SCallFailure failureToSend(types::CValueList const& call);
+
+/// The same, and values of a class without a tag, for callers to whom no exception is thrown.
+SCallFailure failureToSendAnything(types::CValueList const& call);
+
+} // namespace nelo_rpc::dbus
