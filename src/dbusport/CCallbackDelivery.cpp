@@ -6,8 +6,10 @@
 #include "../SystemLog.h"
 #include "CDbusPortIo.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <deque>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -48,8 +50,7 @@ public:
         m_io.KickOut();
         m_readerThread.join();
         m_handlerThread.join();
-        std::lock_guard<std::mutex> const lock(m_io.mutex);
-        m_io.callbacks.clear();
+        m_port.EndAsyncCalls("the delivery of callbacks has ended");
     }
 
 private:
@@ -72,25 +73,41 @@ private:
 
     void RunHandlers()
     {
-        std::deque<types::CValueList> callbacks;
+        std::deque<CDbusPort::CIo::SDelivery> deliveries;
         while (m_io.delivering)
         {
-            if (callbacks.empty())
+            if (deliveries.empty())
             {
-                callbacks = TakeCallbacks();
+                deliveries = TakeDeliveries();
                 continue;
             }
-            m_port.OnCallback(callbacks.front());
-            callbacks.pop_front();
+            CDbusPort::CIo::SDelivery delivery = std::move(deliveries.front());
+            deliveries.pop_front();
+            if (delivery.ended != nullptr)
+            {
+                m_io.Complete(*delivery.ended);
+            }
+            else
+            {
+                m_port.OnCallback(delivery.callback);
+            }
         }
+        LeaveEnds(std::move(deliveries));
     }
 
     /// Waits for some.
-    std::deque<types::CValueList> TakeCallbacks()
+    std::deque<CDbusPort::CIo::SDelivery> TakeDeliveries()
     {
         std::unique_lock<std::mutex> lock(m_io.mutex);
-        m_io.changed.wait(lock, [this] { return !m_io.callbacks.empty() || !m_io.delivering; });
-        return std::exchange(m_io.callbacks, {});
+        m_io.changed.wait(lock, [this] { return !m_io.deliveries.empty() || !m_io.delivering; });
+        return std::exchange(m_io.deliveries, {});
+    }
+
+    /// The rest is for whoever ends the delivery.
+    void LeaveEnds(std::deque<CDbusPort::CIo::SDelivery> deliveries)
+    {
+        std::lock_guard<std::mutex> const lock(m_io.mutex);
+        std::move(deliveries.rbegin(), deliveries.rend(), std::front_inserter(m_io.deliveries));
     }
 
     CDbusPort& m_port;

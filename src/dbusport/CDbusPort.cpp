@@ -6,6 +6,7 @@
 #include "../SystemLog.h"
 #include "CDbusPortIo.h"
 #include "CDbusPortWatch.h"
+#include "CallFailure.h"
 #include "DbusNames.h"
 #include "DbusPointers.h"
 #include "ErrorReply.h"
@@ -15,8 +16,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <climits>
 #include <cstdlib>
 #include <limits>
 #include <set>
@@ -31,12 +30,6 @@ namespace
 
 /// How long an idle receiver waits before it looks again.
 constexpr int IDLE_WAIT_MS = 200;
-
-/// What libdbus takes -1 for.
-constexpr int DEFAULT_TIMEOUT_MS = 25000;
-
-/// libdbus's way to say never.
-constexpr int NO_TIMEOUT_MS = INT_MAX;
 
 /// How much one DispatchCallbacks() does at most, so that it returns also while messages arrive faster than they are
 /// handled.
@@ -57,31 +50,10 @@ void keepForEver(DBusConnection* connection, std::set<DBusMessage*> unanswered)
     kept.emplace_back(connection, std::move(unanswered));
 }
 
-std::chrono::steady_clock::time_point deadlineIn(int timeoutMs)
-{
-    if (timeoutMs == NO_TIMEOUT_MS)
-    {
-        return std::chrono::steady_clock::time_point::max();
-    }
-    return std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
-}
-
 /// Whether anybody waits for an answer. A message without a serial was not sent, and cannot be replied to.
 bool isAnswerable(DBusMessage* call)
 {
     return !dbus_message_get_no_reply(call) && dbus_message_get_serial(call) != 0;
-}
-
-/// Gives the reply to the caller, or turns an error reply into the cause of a failure.
-DBusMessage* replyOrFailure(dbus::MessagePointer reply, std::string& failure)
-{
-    dbus::CError error;
-    if (reply != nullptr && dbus_set_error_from_message(error.Get(), reply.get()))
-    {
-        failure = error.Message();
-        return nullptr;
-    }
-    return reply.release();
 }
 
 } // namespace
@@ -104,7 +76,7 @@ CDbusPort::CDbusPort(char const* name, SPortOptions const& options)
       m_timeoutMs(-1),
       m_lastConnectionId(-1),
       m_options(options),
-      m_io(std::make_unique<CIo>(options.maxUnreadBytes)),
+      m_io(std::make_unique<CIo>(*this, options.maxUnreadBytes)),
       m_watch(std::make_shared<CWatch>())
 {
 }
@@ -230,6 +202,7 @@ CDbusPort::~CDbusPort()
             ::shutdown(fd, SHUT_RDWR);
         }
         {
+            std::lock_guard<CTurn> const turn(m_io->callTurn);
             std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
             dbus_connection_close(m_connection);
         }
@@ -241,6 +214,8 @@ CDbusPort::~CDbusPort()
     {
         m_reciverThread.join();
     }
+    m_io->SetReader(EReader::Nobody);
+    EndAsyncCalls("the port was destroyed");
     if (m_connection != nullptr)
     {
         Unfilter();
@@ -453,7 +428,7 @@ void CDbusPort::HandleCallback(types::CValueList& list)
     // The reading thread completes calls too, so handlers, which may make some, run on another.
     {
         std::lock_guard<std::mutex> const lock(m_io->mutex);
-        m_io->callbacks.push_back(std::move(list));
+        m_io->deliveries.push_back({std::move(list), nullptr});
     }
     m_io->changed.notify_all();
 }
@@ -490,111 +465,6 @@ std::string CDbusPort::GetOrInsertName(int connectionId)
     return m_connectionNames[connectionId];
 }
 
-std::string CDbusPort::WhyNotCallable(std::string const& destination, int timeoutMs,
-                                      types::CValueList const& call) const
-{
-    dbus::CError error;
-    if (m_connection == nullptr)
-    {
-        return "no connection to the bus";
-    }
-    if (timeoutMs < -1)
-    {
-        return "no time-out of " + std::to_string(timeoutMs) + " milliseconds";
-    }
-    if (!dbus_validate_bus_name(destination.c_str(), error.Get()))
-    {
-        return error.Message();
-    }
-    return dbus::whyNotSendable(call);
-}
-
-types::CValueList CDbusPort::CallFunction(types::CValueList const& call, int connectionId)
-{
-    CCancellationGuard const guard;
-    RequireSynchronous();
-    std::string const destination = GetOrInsertName(connectionId);
-    logDebug() << "CDbusPort::SendMessage from " << m_name << " to " << destination;
-    int const timeoutMs = m_timeoutMs;
-    std::string failure = WhyNotCallable(destination, timeoutMs, call);
-    dbus::MessagePointer reply;
-    // The port may be destroyed while the call is under way.
-    auto const watch = m_watch;
-    bool const isTrusted = m_options.peers == EPeers::Trusted;
-    bool lost = false;
-    if (failure.empty())
-    {
-        dbus::MessagePointer const message(dbus::valueListToFunctionCall(destination, call));
-        std::unique_lock<std::recursive_mutex> lock(m_sendMutex);
-        reply.reset(SendAndWait(message.get(), timeoutMs, failure, lock));
-        DropUndelivered();
-        lost = IsLost();
-    }
-    types::CValueList result;
-    bool const isChecked = !isTrusted && reply != nullptr;
-    std::string const cause = isChecked ? dbus::readValueList(reply.get(), result) : "";
-    if (!cause.empty())
-    {
-        failure = "ill-formed reply: " + cause;
-        reply.reset();
-    }
-    if (!failure.empty())
-    {
-        logError() << "Dbus error: " << failure;
-        dbus::hintAtCallPolicy(failure, destination);
-    }
-    if (!isChecked)
-    {
-        result = dbus::dbusMessageToValueList(reply.get());
-    }
-    if (reply == nullptr)
-    {
-        logError() << "CDbusPort::SendMessage received empty reply";
-    }
-    if (lost)
-    {
-        watch->TellLoss();
-    }
-    return result;
-}
-
-DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure,
-                                    std::unique_lock<std::recursive_mutex>& sendLock) const
-{
-    bool const isReceived = m_bUseAsync && m_io->filtering;
-    if (!isReceived && !IsReadBy(EReader::Thread))
-    {
-        dbus::CError error;
-        DBusMessage* const reply =
-            dbus_connection_send_with_reply_and_block(m_connection, message, timeoutMs, error.Get());
-        failure = error.IsSet() ? error.Message() : "";
-        return reply;
-    }
-    bool const isConnected = dbus_connection_get_is_connected(m_connection);
-    if (isConnected && isReceived && (m_io->IsInside() || !IsReadBy(EReader::Receiver)))
-    {
-        sendLock.unlock();
-        return m_io->side.Ask(message, timeoutMs, failure); // nobody takes the answer while this thread waits
-    }
-    dbus::MessagePointer reply;
-    if (isConnected && !m_io->IsInside())
-    {
-        CIo::CQuestion question(*m_io, m_connection);
-        bool const sent = question.Send(message);
-        if (isReceived)
-        {
-            sendLock.unlock(); // a listener may want it, on the thread that has to take the answer
-        }
-        reply.reset(sent ? question.Wait(deadlineIn(timeoutMs)) : nullptr);
-    }
-    if (reply == nullptr)
-    {
-        failure = dbus_connection_get_is_connected(m_connection) ? "no reply within the time-out"
-                                                                 : "the connection to the bus is closed";
-    }
-    return replyOrFailure(std::move(reply), failure);
-}
-
 DBusMessage* CDbusPort::AskBus(char const* question, std::string const& name, bool& lost) const
 {
     if (m_connection == nullptr || !dbus_validate_bus_name(name.c_str(), nullptr))
@@ -606,7 +476,7 @@ DBusMessage* CDbusPort::AskBus(char const* question, std::string const& name, bo
     char const* const text = name.c_str();
     dbus_message_append_args(asked.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
     std::unique_lock<std::recursive_mutex> lock(m_sendMutex);
-    std::string failure;
+    dbus::SCallFailure failure;
     DBusMessage* const answer = SendAndWait(asked.get(), -1, failure, lock);
     DropUndelivered();
     lost = IsLost();
@@ -755,12 +625,14 @@ bool CDbusPort::StartReading(EReader reader)
         m_io->reader = reader;
     }
     Filter();
+    m_io->asyncCalls.Accept(m_connection);
     return true;
 }
 
 void CDbusPort::StopReading()
 {
     Unfilter();
+    m_io->asyncCalls.EndAll("nothing reads the port any more"); // while ends are still handed to the other thread
     m_io->SetReader(EReader::Nobody);
 }
 
@@ -796,6 +668,8 @@ void CDbusPort::DispatchCallbacks()
         return;
     }
     m_io->Drain();
+    m_io->asyncCalls.Expire();
+    RunDeliveries();
     if (!DispatchSome())
     {
         m_io->Kick(); // there is more: the descriptor stays readable
@@ -803,7 +677,9 @@ void CDbusPort::DispatchCallbacks()
     else if (!dbus_connection_get_is_connected(m_connection))
     {
         m_io->StopWatching();
+        return;
     }
+    m_io->WatchForLoop(m_connection);
 }
 
 bool CDbusPort::DispatchSome()

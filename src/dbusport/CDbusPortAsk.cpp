@@ -5,28 +5,8 @@
 
 #include <sys/epoll.h>
 
-#include <algorithm>
-
 namespace nelo_rpc
 {
-
-namespace
-{
-
-using Clock = std::chrono::steady_clock;
-
-/// As poll() wants it: -1 for ever.
-int millisecondsTo(Clock::time_point deadline)
-{
-    if (deadline == Clock::time_point::max())
-    {
-        return -1;
-    }
-    auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
-}
-
-} // namespace
 
 /// What a thread waits for that does not read the connection itself.
 struct CDbusPort::CIo::CQuestion::SAnswer
@@ -38,13 +18,13 @@ struct CDbusPort::CIo::CQuestion::SAnswer
 DBusHandlerResult CDbusPort::CIo::OnMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept
 {
     auto& self = *static_cast<CDbusPort*>(port);
-    if (self.m_io->openCalls.Take(message))
+    if (self.m_io->awaited.Take(message))
     {
         return DBUS_HANDLER_RESULT_HANDLED;
     }
     if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected"))
     {
-        self.m_io->openCalls.EndAll();
+        self.m_io->awaited.EndAll();
     }
     return static_cast<DBusHandlerResult>(self.OnDbusMessage(connection, message));
 }
@@ -77,7 +57,7 @@ bool CDbusPort::CIo::CQuestion::Send(DBusMessage* call)
     else
     {
         m_answer = std::make_shared<SAnswer>();
-        sent = m_io.openCalls.Send(m_connection, call, FillIn());
+        sent = m_io.awaited.Send(m_connection, call, FillIn());
     }
     m_serial = dbus_message_get_serial(call);
     return sent;
@@ -93,7 +73,7 @@ DBusMessage* CDbusPort::CIo::CQuestion::Wait(Deadline deadline)
             return answer;
         }
         m_answer = std::make_shared<SAnswer>();
-        m_io.openCalls.Add(m_serial, FillIn());
+        m_io.awaited.Add(m_serial, FillIn());
         HandBack();
     }
     return WaitForAnswer(deadline);
@@ -152,7 +132,7 @@ void CDbusPort::CIo::CQuestion::HandBack()
     }
 }
 
-COpenCalls::Done CDbusPort::CIo::CQuestion::FillIn() const
+CAwaitedReplies::Done CDbusPort::CIo::CQuestion::FillIn() const
 {
     return [&io = m_io, answer = m_answer](DBusMessage* message) {
         std::lock_guard<std::mutex> const lock(io.mutex);
@@ -180,7 +160,7 @@ DBusMessage* CDbusPort::CIo::CQuestion::WaitForAnswer(Deadline deadline) const
     }
     bool const isAlone = m_io.reader == EReader::Nobody;
     lock.unlock();
-    m_io.openCalls.Remove(m_serial);
+    m_io.awaited.Remove(m_serial);
     return isAlone ? ReadAlone(deadline) : nullptr;
 }
 

@@ -11,8 +11,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <system_error>
+#include <utility>
 
 namespace nelo_rpc
 {
@@ -43,6 +45,9 @@ int duplicateFdOf(DBusConnection* connection)
 /// The longest wait when nothing can wake it.
 constexpr int UNWAKEABLE_WAIT_MS = 200;
 
+/// How often time-outs are looked after while another thread reads and this one cannot wait for the timer.
+constexpr std::chrono::milliseconds TIMER_CHECK(50);
+
 void addTo(int epollFd, int fd)
 {
     epoll_event event{};
@@ -53,8 +58,10 @@ void addTo(int epollFd, int fd)
 
 } // namespace
 
-CDbusPort::CIo::CIo(std::size_t maxUnreadBytes)
-    : unread(maxUnreadBytes),
+CDbusPort::CIo::CIo(CDbusPort& port, std::size_t maxUnreadBytes)
+    : asyncCalls(awaited, [this](CAsyncCalls::Call const& call, bool atStart) { DeliverEnd(call, atStart); }),
+      unread(maxUnreadBytes),
+      m_port(port),
       m_eventFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       m_epollFd(fdOrError(::epoll_create1(EPOLL_CLOEXEC)))
 {
@@ -79,6 +86,7 @@ void CDbusPort::CIo::Attach(DBusConnection* connection)
         m_watched = EPOLLIN;
         addTo(m_epollFd, m_eventFd);
         addTo(m_epollFd, m_fd);
+        addTo(m_epollFd, asyncCalls.GetTimerFd());
     }
     // Both run inside libdbus, on any thread, so they do nothing but write the eventfd. Without the first, what a
     // thread could not send at once would wait for the next arrival; without the second, what a thread read while it
@@ -104,10 +112,14 @@ void CDbusPort::CIo::Detach(DBusConnection* connection)
 
 void CDbusPort::CIo::Kick() const
 {
-    if (IsInside())
+    if (!IsInside())
     {
-        return;
+        Wake();
     }
+}
+
+void CDbusPort::CIo::Wake() const
+{
     std::uint64_t const one = 1;
     // It fails only when it is set already, as often as a 64-bit number can say.
     [[maybe_unused]] auto const written = ::write(m_eventFd, &one, sizeof(one));
@@ -143,8 +155,9 @@ void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs)
 {
     if (m_epollFd < 0)
     {
-        PollFor(connection, timeoutMs);
+        PollFor(connection, UNWAKEABLE_WAIT_MS);
         Drain();
+        asyncCalls.Expire();
         return;
     }
     bool const hasToSend = dbus_connection_has_messages_to_send(connection);
@@ -153,15 +166,39 @@ void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs)
         m_isInWait = true;
         Watch(hasToSend ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
-    epoll_event events[2];
-    int const count = ::epoll_wait(m_epollFd, events, 2, Bounded(timeoutMs));
-    if (std::any_of(events, events + std::max(count, 0), [&](auto const& event) { return event.data.fd == m_eventFd; }))
+    while (WaitForEvents(timeoutMs) == EEvents::TimerOnly)
+    {
+        asyncCalls.Expire(); // which needs nothing of what another thread may be reading
+    }
+    WaitForHandBack();
+}
+
+CDbusPort::CIo::EEvents CDbusPort::CIo::WaitForEvents(int timeoutMs) const
+{
+    epoll_event events[3];
+    int const count = ::epoll_wait(m_epollFd, events, 3, Bounded(timeoutMs));
+    auto const has = [&](int fd) {
+        return std::any_of(events, events + std::max(count, 0),
+                           [fd](auto const& event) { return event.data.fd == fd; });
+    };
+    if (has(m_eventFd))
     {
         Drain();
     }
+    return count == 1 && has(asyncCalls.GetTimerFd()) ? EEvents::TimerOnly : EEvents::Others;
+}
+
+void CDbusPort::CIo::WaitForHandBack()
+{
     std::unique_lock<std::mutex> lock(mutex);
     m_isInWait = false; // at once, so that nobody else comes first
-    m_handedBack.wait(lock, [&] { return !m_isReadInstead || IsToEnd(); });
+    while (m_isReadInstead && !IsToEnd())
+    {
+        m_handedBack.wait_for(lock, TIMER_CHECK);
+        lock.unlock();
+        asyncCalls.Expire(); // nobody waits for the timer now
+        lock.lock();
+    }
 }
 
 bool CDbusPort::CIo::IsToEnd() const
@@ -201,6 +238,41 @@ void CDbusPort::CIo::Drop(DBusConnection* connection, DBusMessage* message)
     }
     logDebug() << "CDbusPort::SendMessage dropped a message from " << types::toString(dbus_message_get_sender(message))
                << ", nothing delivers callbacks";
+}
+
+void CDbusPort::CIo::DeliverEnd(CAsyncCalls::Call const& call, bool atStart)
+{
+    {
+        std::lock_guard<std::mutex> const lock(mutex);
+        bool const isForThread = reader == EReader::Thread || delivering;
+        if (isForThread || (reader == EReader::Loop && (atStart || !IsInside())))
+        {
+            deliveries.push_back({{}, call});
+            changed.notify_all();
+            if (!isForThread)
+            {
+                Wake();
+            }
+            return;
+        }
+    }
+    Complete(*call);
+}
+
+std::deque<CDbusPort::CIo::SDelivery> CDbusPort::CIo::TakeDeliveries()
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    return std::exchange(deliveries, {});
+}
+
+void CDbusPort::CIo::WatchForLoop(DBusConnection* connection)
+{
+    bool const hasToSend = dbus_connection_has_messages_to_send(connection);
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (reader == EReader::Loop)
+    {
+        Watch(hasToSend ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
 }
 
 void CDbusPort::CIo::StopWatching()

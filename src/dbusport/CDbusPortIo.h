@@ -4,14 +4,16 @@
 #include <nelo_rpc/GuardedFunction.h>
 #include <nelo_rpc/dbusport/CDbusPort.h>
 
-#include "COpenCalls.h"
+#include "CAsyncCalls.h"
+#include "CAwaitedReplies.h"
 #include "CSideConnection.h"
+#include "CTurn.h"
 #include "CUnread.h"
+#include "Deadline.h"
 
 #include <dbus/dbus.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -27,7 +29,7 @@ namespace nelo_rpc
 class CDbusPort::CIo
 {
 public:
-    explicit CIo(std::size_t maxUnreadBytes);
+    CIo(CDbusPort& port, std::size_t maxUnreadBytes);
     CIo(CIo const&) = delete;
     CIo& operator=(CIo const&) = delete;
     ~CIo();
@@ -55,14 +57,30 @@ public:
     /// Waits for a kick only.
     void WaitForKick(int timeoutMs) const;
 
-    using Deadline = std::chrono::steady_clock::time_point; ///< max(): never
-
     /// What libdbus calls for each message, with the port as its data. Its frames cannot be unwound, so an exception of
     /// a listener ends the process here.
     static DBusHandlerResult OnMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept;
 
     /// Throws a message away that nobody is going to dispatch. A ping is answered: it tells what was read.
     static void Drop(DBusConnection* connection, DBusMessage* message);
+
+    /// What the delivery's thread for handlers or an application's loop is to run: a callback, or the end of a call.
+    struct SDelivery
+    {
+        types::CValueList callback;
+        CAsyncCalls::Call ended;
+    };
+
+    /// Hands a call that has ended to the thread that runs handlers, or runs its own if this is that thread.
+    void DeliverEnd(CAsyncCalls::Call const& call, bool atStart);
+
+    std::deque<SDelivery> TakeDeliveries();
+
+    /// Runs the handler of a call. Nothing can catch what leaves that.
+    void Complete(CAsyncCalls::SCall& call) noexcept;
+
+    /// For an application's loop: from now on its descriptor is readable also when there is room to send what waits.
+    void WatchForLoop(DBusConnection* connection);
 
     /// The connection is lost: its descriptor would end every wait.
     void StopWatching();
@@ -111,7 +129,7 @@ public:
         bool IsAnswerNext() const;
         bool IsAnswer(DBusMessage* message) const;
         void HandBack();
-        COpenCalls::Done FillIn() const;
+        CAwaitedReplies::Done FillIn() const;
         DBusMessage* WaitForAnswer(Deadline deadline) const;
         DBusMessage* ReadAlone(Deadline deadline) const;
 
@@ -135,7 +153,9 @@ public:
     /// cut off and left behind, so the port's end waits for them.
     std::shared_ptr<internal_guarded::CRunners> const senders = std::make_shared<internal_guarded::CRunners>();
 
-    COpenCalls openCalls;
+    CAwaitedReplies awaited;
+    CAsyncCalls asyncCalls;
+    CTurn callTurn; // for calls that are waited for, outside of the send mutex
     CSideConnection side;
     CUnread unread;
     std::atomic<bool> mayPing{true}; // the policy of the bus has not said otherwise
@@ -145,7 +165,7 @@ public:
 
     // All below is guarded by the mutex.
     EReader reader = EReader::Nobody;
-    std::deque<types::CValueList> callbacks;
+    std::deque<SDelivery> deliveries;
     std::atomic<bool> delivering{false}; // the queue is emptied; read without the mutex too
     std::set<DBusMessage*> unanswered;
 
@@ -153,10 +173,20 @@ private:
     /// Without an eventfd nothing ends a wait before its time, so none is long.
     int Bounded(int timeoutMs) const;
 
+    enum class EEvents
+    {
+        TimerOnly,
+        Others
+    };
+
+    EEvents WaitForEvents(int timeoutMs) const;
+    void WaitForHandBack();
+    void Wake() const;
     void PollFor(DBusConnection* connection, int timeoutMs) const;
     void Watch(unsigned int events);
     bool IsToEnd() const;
 
+    CDbusPort& m_port;
     int m_eventFd;
     int m_epollFd; // of m_eventFd and the connection; -1 if the system gives none
     int m_fd = -1; // of the connection's socket; not the one that libdbus closes

@@ -29,8 +29,7 @@ void CDbusPort::Ping(std::string const& name)
 {
     dbus::MessagePointer const ping(dbus_message_new_method_call(name.c_str(), "/", DBUS_INTERFACE_PEER, "Ping"));
     dbus_message_set_auto_start(ping.get(), FALSE);
-    if (!m_io->openCalls.Send(m_connection, ping.get(),
-                              [this, name](DBusMessage* answer) { HandlePong(name, answer); }))
+    if (!m_io->awaited.Send(m_connection, ping.get(), [this, name](DBusMessage* answer) { HandlePong(name, answer); }))
     {
         m_io->unread.EndPing(name, CUnread::EPing::Lost);
     }

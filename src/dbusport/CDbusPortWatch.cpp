@@ -288,7 +288,7 @@ void CDbusPort::AskForNames()
     dbus::MessagePointer const question(
         dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "ListNames"));
     std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
-    m_io->openCalls.Send(m_connection, question.get(), [this](DBusMessage* answer) { HandleNames(answer); });
+    m_io->awaited.Send(m_connection, question.get(), [this](DBusMessage* answer) { HandleNames(answer); });
 }
 
 bool CDbusPort::HandleNews(DBusMessage* message, std::string const& sender)

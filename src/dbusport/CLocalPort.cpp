@@ -5,8 +5,10 @@
 
 #include "../SystemLog.h"
 #include "CPeerWatch.h"
+#include "CTurn.h"
 #include "CallFailure.h"
 #include "DbusPointers.h"
+#include "Deadline.h"
 #include "ErrorReply.h"
 
 #include <unistd.h>
@@ -34,9 +36,6 @@ namespace
 
 using dbus::SCallFailure;
 using std::chrono::steady_clock;
-
-/// What a bus takes -1 for.
-constexpr int DEFAULT_TIMEOUT_MS = 25000;
 
 constexpr char const* TOO_LATE = "no reply within the time-out";
 
@@ -76,7 +75,7 @@ struct SMessage
     // Of a call that is open.
     std::shared_ptr<SMailbox> caller;
     std::shared_ptr<SMailbox> callee;
-    steady_clock::time_point deadline;
+    Deadline deadline;
 };
 
 /// What a port has to handle: a message that arrived, or the end of a call that it made.
@@ -91,69 +90,17 @@ struct SMailbox
 {
     std::condition_variable changed;
     std::deque<SItem> queue;
-    std::set<std::shared_ptr<SMessage>> openCalls;                                      // to the port and from it
+    std::set<std::shared_ptr<SMessage>> awaited;                                        // to the port and from it
     std::set<std::pair<steady_clock::time_point, std::shared_ptr<SMessage>>> deadlines; // of those it does not wait for
     std::string uniqueName;
     bool watches = false;
     bool closed = false;
 };
 
-/// Lets one thread at a time have something. Not a std::timed_mutex, of which ThreadSanitizer knows nothing.
-class CTurn
-{
-public:
-    void lock() // named as the standard library's locks want it
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_free.wait(lock, [this] { return !m_taken; });
-        m_taken = true;
-    }
-
-    bool try_lock_until(steady_clock::time_point deadline)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        bool const isFree = m_free.wait_until(lock, deadline, [this] { return !m_taken; });
-        m_taken = m_taken || isFree;
-        return isFree;
-    }
-
-    void unlock()
-    {
-        std::lock_guard<std::mutex> const lock(m_mutex);
-        m_taken = false;
-        m_free.notify_one();
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_free;
-    bool m_taken = false;
-};
-
-steady_clock::time_point deadlineIn(int timeoutMs)
-{
-    return steady_clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? DEFAULT_TIMEOUT_MS : timeoutMs);
-}
-
 std::string newUniqueName()
 {
     static std::atomic<unsigned int> last{0};
     return ":local." + std::to_string(++last);
-}
-
-/// What keeps a call from being made, whatever its arguments are.
-SCallFailure whyNotCallable(std::string const& destination, int timeoutMs)
-{
-    dbus::CError error;
-    if (timeoutMs < -1)
-    {
-        return {ECallStatus::BadValue, "no time-out of " + std::to_string(timeoutMs) + " milliseconds"};
-    }
-    if (!dbus_validate_bus_name(destination.c_str(), error.Get()))
-    {
-        return {ECallStatus::NoServer, error.Message()};
-    }
-    return {};
 }
 
 } // namespace
@@ -211,8 +158,7 @@ public:
     }
 
     /// Sends a call and waits for its end.
-    void Call(std::shared_ptr<SMailbox> const& from, std::shared_ptr<SMessage> const& call,
-              steady_clock::time_point deadline)
+    void Call(std::shared_ptr<SMailbox> const& from, std::shared_ptr<SMessage> const& call, Deadline deadline)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         Open(from, call);
@@ -226,8 +172,8 @@ public:
     /// Sends a call, unless something keeps it from being sent, and does not wait: its end goes to the caller's queue.
     ///
     /// @return false if nobody reads that any more; then the call has failed here.
-    bool Start(std::shared_ptr<SMailbox> const& from, std::shared_ptr<SMessage> const& call,
-               steady_clock::time_point deadline, SCallFailure const& obstacle)
+    bool Start(std::shared_ptr<SMailbox> const& from, std::shared_ptr<SMessage> const& call, Deadline deadline,
+               SCallFailure const& obstacle)
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
         bool const isRead = !from->closed;
@@ -294,7 +240,7 @@ public:
         {
             owner = owner->second == mailbox ? m_owners.erase(owner) : std::next(owner);
         }
-        for (auto const& call : std::set<std::shared_ptr<SMessage>>(mailbox->openCalls)) // a copy: each one leaves
+        for (auto const& call : std::set<std::shared_ptr<SMessage>>(mailbox->awaited)) // a copy: each one leaves
         {
             End(call, nullptr, {ECallStatus::Disconnected, "a port was destroyed before the reply came"});
         }
@@ -342,8 +288,8 @@ private:
         }
         call->caller = from;
         call->callee = to;
-        from->openCalls.insert(call);
-        to->openCalls.insert(call);
+        from->awaited.insert(call);
+        to->awaited.insert(call);
     }
 
     /// What comes first ends a call: the reply, the time-out or the end of a port.
@@ -361,11 +307,11 @@ private:
         std::shared_ptr<SMailbox> const callee = std::move(call->callee);
         if (callee != nullptr)
         {
-            callee->openCalls.erase(call);
+            callee->awaited.erase(call);
         }
         if (caller != nullptr)
         {
-            caller->openCalls.erase(call);
+            caller->awaited.erase(call);
             caller->deadlines.erase({call->deadline, call});
             if (call->done)
             {
@@ -739,7 +685,7 @@ std::shared_ptr<SMessage> CLocalPort::CImpl::MakeCall(types::CValueList const& c
 {
     RequireMode(false);
     std::string const destination = DestinationOf(connectionId);
-    obstacle = whyNotCallable(destination, timeoutMs);
+    obstacle = dbus::failureToCall(destination, timeoutMs);
     if (!obstacle)
     {
         obstacle = look(call);

@@ -8,18 +8,13 @@ CSideConnection::~CSideConnection()
     Close();
 }
 
-DBusMessage* CSideConnection::Ask(DBusMessage* question, int timeoutMs, std::string& failure)
+DBusMessage* CSideConnection::Ask(DBusMessage* question, int timeoutMs)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
-    dbus::CError error;
-    DBusMessage* const answer =
-        Open(error) ? dbus_connection_send_with_reply_and_block(m_connection, question, timeoutMs, error.Get())
-                    : nullptr;
-    failure = error.IsSet() ? error.Message() : "";
-    return answer;
+    return Open() ? dbus_connection_send_with_reply_and_block(m_connection, question, timeoutMs, nullptr) : nullptr;
 }
 
-bool CSideConnection::Open(dbus::CError& error)
+bool CSideConnection::Open()
 {
     if (m_connection != nullptr && !dbus_connection_get_is_connected(m_connection))
     {
@@ -27,7 +22,7 @@ bool CSideConnection::Open(dbus::CError& error)
     }
     if (m_connection == nullptr)
     {
-        m_connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
+        m_connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
     }
     if (m_connection == nullptr)
     {

@@ -1,11 +1,8 @@
 #pragma once
 
-#include "DbusPointers.h"
-
 #include <dbus/dbus.h>
 
 #include <mutex>
-#include <string>
 
 namespace nelo_rpc
 {
@@ -20,11 +17,11 @@ public:
     CSideConnection& operator=(CSideConnection const&) = delete;
     ~CSideConnection();
 
-    /// Sends a question and blocks for its answer; null with a cause if there is none. Any thread, one at a time.
-    DBusMessage* Ask(DBusMessage* question, int timeoutMs, std::string& failure);
+    /// Sends a question and blocks for its answer; null if there is none. Any thread, one at a time.
+    DBusMessage* Ask(DBusMessage* question, int timeoutMs);
 
 private:
-    bool Open(dbus::CError& error);
+    bool Open();
     void Close();
 
     std::mutex m_mutex;

@@ -3,6 +3,8 @@
 #include <nelo_rpc/CCallResult.h>
 #include <nelo_rpc/CValueList.h>
 
+#include <dbus/dbus.h>
+
 #include <string>
 
 namespace nelo_rpc::dbus
@@ -16,6 +18,12 @@ struct SCallFailure
 
     explicit operator bool() const { return status != ECallStatus::Ok; }
 };
+
+/// What keeps a call from being made, whatever its arguments are.
+SCallFailure failureToCall(std::string const& destination, int timeoutMs);
+
+/// What an error means, be it an error reply's or the bus library's own.
+SCallFailure failureOf(DBusError const& error);
 
 /// What keeps the arguments of a call from being sent: what whyNotSendable() objects to.
 SCallFailure failureToSend(types::CValueList const& call);

@@ -279,7 +279,7 @@ TEST_F(CCallbackDeliveryOnBus, BringsAReplyThatComesBehindACallback)
 {
     CCallbackDelivery const delivery(m_port);
     // A caller reads its reply itself, and leaves that to the other thread when something else comes first.
-    for (int i = 1; i <= 20; ++i)
+    for (std::size_t i = 1; i <= 20; ++i)
     {
         ASSERT_EQ(AFTER_A_CALLBACK, intOf(m_port.CallFunction(listOf(AFTER_A_CALLBACK), 0)));
         ASSERT_TRUE(m_received.WaitForCount(i));

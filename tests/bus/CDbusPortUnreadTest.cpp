@@ -7,7 +7,7 @@ namespace
 
 constexpr std::size_t MIB = 1024 * 1024;
 constexpr std::size_t LIMIT = 4 * MIB;
-constexpr std::size_t PAYLOAD = 32 * 1024;
+constexpr int PAYLOAD = 32 * 1024;
 
 char const* const REFUSED = " refused: the peer leaves too much unread that it was sent";
 
@@ -79,7 +79,7 @@ TEST_F(CDbusPortUnread, LimitFailsCallbacksToAPeerThatReadsNothing)
 
     int const sent = Fill(id, 1000);
     EXPECT_GT(sent, 10);
-    EXPECT_LE(sent * PAYLOAD, LIMIT / 4) << "no peer may have all of the limit";
+    EXPECT_LE(static_cast<std::size_t>(sent * PAYLOAD), LIMIT / 4) << "no peer may have all of the limit";
     EXPECT_EQ(1, log.Count("CDbusPort::SendCallback to " + m_port.GetPeerName(id) + REFUSED));
     EXPECT_FALSE(m_port.SendCallback(listOfBytes(PAYLOAD), id));
 }
@@ -134,8 +134,8 @@ TEST_F(CDbusPortUnread, LimitIsShared)
         int id = 0;
         clients.push_back(Connect(id));
         int const sent = Fill(id, 1000);
-        EXPECT_GE(sent * PAYLOAD, 32u * 1024) << "something is left for everybody";
-        total += static_cast<std::size_t>(sent) * PAYLOAD;
+        EXPECT_GE(sent * PAYLOAD, 32 * 1024) << "something is left for everybody";
+        total += static_cast<std::size_t>(sent * PAYLOAD);
     }
 
     EXPECT_LE(total, LIMIT);

@@ -21,6 +21,11 @@ struct DBusMessage;
 namespace nelo_rpc
 {
 
+namespace dbus
+{
+struct SCallFailure;
+}
+
 /// What an application may choose for a port. Since 0.1.
 struct NELO_RPC_API SPortOptions
 {
@@ -152,6 +157,18 @@ public:
     /// but not destroy it. Replacing it returns when the old one is not running on another thread.
     void SetLostListener(std::function<void()> listener);
 
+protected:
+    /// See CRpcPort::TryCallFunction(). Synchronous ports only. The time-out counts the wait for calls of other threads
+    /// too. Since 0.1.
+    CCallResult RunCall(types::CValueList const& call, int connectionId, CCallOptions const& options) override;
+
+    /// See CRpcPort::CallFunctionAsync(). Synchronous ports only. 100 calls are under way at a time, the others wait behind
+    /// them. `done` runs on the delivery's thread for handlers, or in DispatchCallbacks(); when the delivery ends, on the
+    /// thread that ends it, as for a port that is destroyed. Time-outs of a loop end only in DispatchCallbacks(), for
+    /// which the descriptor is readable then. Since 0.1.
+    void StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options,
+                   CallDone done) override;
+
 private:
     friend class CCallbackDelivery;
 
@@ -187,9 +204,13 @@ private:
     int StoreConnection(std::string const& name);
     bool GetOrAddConnection(std::string const& sender, int& connectionId);
     std::string GetOrInsertName(int connectionId);
-    std::string WhyNotCallable(std::string const& destination, int timeoutMs, types::CValueList const& call) const;
-    DBusMessage* SendAndWait(DBusMessage* message, int timeoutMs, std::string& failure,
+    dbus::SCallFailure FindObstacle(std::string const& destination, int timeoutMs, types::CValueList const& call,
+                                    bool looksForTags) const;
+    CCallResult Call(types::CValueList const& call, int connectionId, CCallOptions const* options);
+    DBusMessage* SendAndWait(DBusMessage* message, int timeoutMs, dbus::SCallFailure& failure,
                              std::unique_lock<std::recursive_mutex>& sendLock) const;
+    void EndAsyncCalls(char const* reason);
+    void RunDeliveries();
     DBusMessage* AskBus(char const* question, std::string const& name, bool& lost) const;
     bool HasOwner(std::string const& name, bool& lost) const;
     bool IsThere(std::string const& name, bool& lost) const;

@@ -13,7 +13,7 @@ namespace nelo_rpc
 ///
 /// Not pending calls of libdbus: when the connection is lost it walks through those, and crashes if two threads notice
 /// the loss at once.
-class COpenCalls
+class CAwaitedReplies
 {
 public:
     /// Runs once, on the thread that takes the answer or ends the calls; null if there is no answer.

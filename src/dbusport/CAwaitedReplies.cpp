@@ -1,11 +1,11 @@
-#include "COpenCalls.h"
+#include "CAwaitedReplies.h"
 
 #include <utility>
 
 namespace nelo_rpc
 {
 
-bool COpenCalls::Send(DBusConnection* connection, DBusMessage* call, Done done)
+bool CAwaitedReplies::Send(DBusConnection* connection, DBusMessage* call, Done done)
 {
     // Held while sending: the answer may be there before its serial is known.
     std::lock_guard<std::mutex> const lock(m_mutex);
@@ -18,19 +18,19 @@ bool COpenCalls::Send(DBusConnection* connection, DBusMessage* call, Done done)
     return true;
 }
 
-void COpenCalls::Add(dbus_uint32_t serial, Done done)
+void CAwaitedReplies::Add(dbus_uint32_t serial, Done done)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     m_calls.emplace(serial, std::move(done));
 }
 
-bool COpenCalls::Remove(dbus_uint32_t serial)
+bool CAwaitedReplies::Remove(dbus_uint32_t serial)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     return m_calls.erase(serial) != 0;
 }
 
-bool COpenCalls::Take(DBusMessage* answer)
+bool CAwaitedReplies::Take(DBusMessage* answer)
 {
     int const type = dbus_message_get_type(answer);
     if (type != DBUS_MESSAGE_TYPE_METHOD_RETURN && type != DBUS_MESSAGE_TYPE_ERROR)
@@ -52,7 +52,7 @@ bool COpenCalls::Take(DBusMessage* answer)
     return true;
 }
 
-void COpenCalls::EndAll()
+void CAwaitedReplies::EndAll()
 {
     std::map<dbus_uint32_t, Done> ended;
     {
