@@ -85,7 +85,8 @@ CCallResult CRpcPort::RunCall(types::CValueList const& call, int connectionId, C
 
 void CRpcPort::StartCall(types::CValueList const& call, int connectionId, CCallOptions const& options, CallDone done)
 {
-    done(RunCall(call, connectionId, options));
+    CallDone const completion = std::move(done);
+    completion(RunCall(call, connectionId, options));
 }
 
 } // namespace nelo_rpc

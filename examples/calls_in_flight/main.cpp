@@ -25,6 +25,7 @@ public:
 std::optional<int> sumUp(CThermostatProxy& thermostat, int calls)
 {
     std::vector<std::future<std::optional<int>>> sums;
+    sums.reserve(static_cast<std::size_t>(calls));
     for (int i = 0; i < calls; ++i)
     {
         sums.push_back(thermostat.Sum.CallAsync(i, i));
@@ -57,7 +58,10 @@ int main()
 
     // With a handler. It runs also when there is no result, and when the proxy is destroyed before one came.
     thermostat.Describe.CallAsync(
-        [&described](std::optional<std::string> text) { described.set_value(text.value_or("nothing is known")); }, 0);
+        [&described](std::optional<std::string> const& text) {
+            described.set_value(text.value_or("nothing is known"));
+        },
+        0);
 
     // With futures.
     std::optional<int> const total = sumUp(thermostat, 20);

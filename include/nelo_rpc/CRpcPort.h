@@ -115,7 +115,8 @@ public:
     /// the port, and with a port that does not say otherwise, the call is made and completed before this returns, and
     /// `done` runs on the calling thread. An exception that leaves it ends the process.
     ///
-    /// A port that is destroyed completes the calls that are open as Disconnected.
+    /// The calls that are open are completed as Disconnected when the port is destroyed, and when the CCallbackDelivery
+    /// is that reads it.
     ///
     /// @param done  may be empty.
     void CallFunctionAsync(types::CValueList const& call, int connectionId, CCallOptions const& options, CallDone done);

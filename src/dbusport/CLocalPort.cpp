@@ -624,7 +624,7 @@ std::shared_ptr<SMessage> CLocalPort::CImpl::FromThisPort(DBusMessage* message) 
 
 std::string CLocalPort::CImpl::DestinationOf(int connectionId)
 {
-    std::string const destination = GetOrInsertName(connectionId);
+    std::string destination = GetOrInsertName(connectionId);
     logDebug() << "CLocalPort::SendMessage from " << m_name << " to " << destination;
     return destination;
 }

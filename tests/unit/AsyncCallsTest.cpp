@@ -176,13 +176,17 @@ TEST(HungCall, IsSeenAsCutOffOnceItWasKilled)
     options.hangLimitMs = 2500;
     options.hangCheckMs = 500;
     CRpcHost host(serverPort, options, [&](CRpcHost& self) {
-        self.RegisterActorType<int>("Workshop", [&](CActor& actor, int&) {
+        SActorType type;
+        type.create = [&] { return static_cast<void*>(&hang); }; // nothing that a kill leaves behind
+        type.destroy = [](void*) {};
+        type.setup = [&](CActor& actor) {
             actor.AddFunction("Wait", [&] {
                 hang.Enter();
                 return 0;
             });
             actor.AddFunction("Describe", [] { return std::string("there again"); });
-        });
+        };
+        self.RegisterActorType("Workshop", std::move(type));
     });
     CLocalPort port(bus, "client", SERVER, false);
     CRpcClient client(port);
