@@ -511,7 +511,6 @@ void CClientConnection::DestroyActor(CActor* actor, bool deleteObject)
 
 void CClientConnection::DestroyClaimed(std::shared_ptr<CActor> actor, bool deleteObject)
 {
-    CActor* const address = actor.get();
     int const actorId = actor->GetId();
     std::string const typeName = actor->GetTypeName();
     logDebug() << "CClientConnection::dtor actorId=" << actorId << " deleteObject=" << deleteObject;
@@ -531,13 +530,10 @@ void CClientConnection::DestroyClaimed(std::shared_ptr<CActor> actor, bool delet
         CCancellationWindow const window;
     }
     logDebug() << "CClientConnection::dtor deleting actor...";
-    {
-        auto const lock = LockTable();
-        std::shared_ptr<CActor> const ownHold = std::move(actor->m_self);
-    }
+    LetGoOf(*actor);
     actor.reset();
     logDebug() << "CClientConnection::dtor erasing actor from knownActors...";
-    std::size_t const remaining = Erase(actorId, address);
+    std::size_t const remaining = Erase(actorId);
     logDebug() << "CClientConnection::dtor of " << actorId << " done, " << remaining << " actors remaining";
     if (remaining == 1)
     {
@@ -545,11 +541,25 @@ void CClientConnection::DestroyClaimed(std::shared_ptr<CActor> actor, bool delet
     }
 }
 
-std::size_t CClientConnection::Erase(int actorId, CActor* actor)
+void CClientConnection::LetGoOf(CActor& actor)
+{
+    // Out of reach before it is deleted, which may take for ever: the application's functions go with it. The handler of
+    // a kill must not meet an actor that is half gone, or gone.
+    auto const lock = LockTable();
+    auto const entry = m_knownActors.find(actor.GetId());
+    if (entry != m_knownActors.end() && entry->second == &actor)
+    {
+        entry->second = nullptr;
+    }
+    m_claimed.erase(&actor);
+    m_leaving.erase(actor.GetId());
+    actor.m_self.reset(); // which the caller holds too
+}
+
+std::size_t CClientConnection::Erase(int actorId)
 {
     auto const lock = LockTable();
     m_knownActors.erase(actorId);
-    m_claimed.erase(actor);
     m_leaving.erase(actorId);
     return m_knownActors.size();
 }

@@ -123,7 +123,8 @@ private:
     std::shared_ptr<CActor> Hold(CActor& actor) const;
     void Enter(std::shared_ptr<CActor> const& actor, int actorId, std::string const& typeName);
     void DestroyClaimed(std::shared_ptr<CActor> actor, bool deleteObject);
-    std::size_t Erase(int actorId, CActor* actor);
+    void LetGoOf(CActor& actor);
+    std::size_t Erase(int actorId);
     void StopWorker();
     void PostRemoval(int actorId);
     void RemoveLostActor(int actorId);

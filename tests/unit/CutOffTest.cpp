@@ -449,6 +449,60 @@ TEST_F(CutOff, AHungDestructorIsLeftToItselfAndItsActorIsForgotten)
     EXPECT_EQ(TRUE_ANSWER, server.Dtor(4, id));
 }
 
+TEST_F(CutOff, AHungDestructorOfWhatAFunctionHoldsIsLeftToItselfAndItsActorIsForgotten)
+{
+    for (auto const kill : {EKill::Anywhere, EKill::AtCancellationPoint})
+    {
+        SHostOptions options = atCancellationPoint();
+        options.kill = kill;
+        CThingServer server(options);
+        CSpin inDestructor;
+        struct SHeld
+        {
+            CSpin& spin;
+            explicit SHeld(CSpin& s) : spin(s) {}
+            SHeld(SHeld const&) = delete;
+            SHeld& operator=(SHeld const&) = delete;
+            ~SHeld() { spin.Enter(); }
+        };
+        server.onSetup = [&](CActor& actor) {
+            if (server.MadeCount() == 1)
+            {
+                actor.AddFunction("Held", [held = std::make_shared<SHeld>(inDestructor)] {});
+            }
+        };
+        int const id = server.Ctor(4);
+
+        auto const reply = server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4);
+
+        expectAnEmptyReplyAndOnKill(server, *reply);
+        expectANewActor(server, id);
+        EXPECT_TRUE(inDestructor.End());
+        EXPECT_EQ(types::toString(listOf(5)), CThingServer::TextOf(*server.Call(4, id, "Add", 3))) << "it was erased";
+        EXPECT_EQ(std::vector<int>{1}, server.Destroyed());
+        EXPECT_EQ(1, reply->Count());
+    }
+}
+
+TEST_F(CutOff, AWorkerInsideALineAboutAnActorThatIsDeletedHoldsNobodyUp)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    log::SetSink([&](ELevel, std::string const& line) {
+        if (line.find("dtor erasing actor from knownActors") != std::string::npos && m_thread.exchange(1) == 0)
+        {
+            m_spin.Enter();
+        }
+    });
+
+    expectAnEmptyReplyAndOnKill(server, *server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4));
+
+    expectANewActor(server, id);
+    EXPECT_TRUE(m_spin.End());
+    EXPECT_EQ(types::toString(listOf(5)), CThingServer::TextOf(*server.Call(4, id, "Add", 3))) << "it was erased";
+    installStderrSink();
+}
+
 // A late return
 
 TEST_F(CutOff, WhatALateWorkerSendsIsDroppedWithALine)
