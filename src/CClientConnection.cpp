@@ -467,18 +467,23 @@ void CClientConnection::Enter(std::shared_ptr<CActor> const& actor, int actorId,
     logInconsistency(Error, CREATE,
                      "actor id=%d, knownActors=%zu, knownActors[actorId]=%p, lastActorId=%d, typeName=%s", actorId,
                      known, current, lastActorId.load(), typeName.c_str());
+    std::optional<std::pair<int, std::string>> replaced; // id and type: the actor may be gone when they are written
     {
         auto const lock = LockTable();
         CActor*& entry = m_knownActors[actorId];
         if (entry != nullptr)
         {
             // Whoever holds on to the old one may still use it, so it is neither destroyed nor freed.
-            logInconsistency(Error, CREATE,
-                             "actor id= %d(%d), typeName=%s(%s). Actor id should not repeat for client connection!",
-                             entry->GetId(), actorId, entry->GetTypeName().c_str(), typeName.c_str());
+            replaced.emplace(entry->GetId(), entry->GetTypeName());
         }
         entry = actor.get();
         actor->m_self = actor;
+    }
+    if (replaced)
+    {
+        logInconsistency(Error, CREATE,
+                         "actor id= %d(%d), typeName=%s(%s). Actor id should not repeat for client connection!",
+                         replaced->first, actorId, replaced->second.c_str(), typeName.c_str());
     }
     logInconsistency(Info, CREATE, "actor id=%d(%d), typeName=%s(%s), knownActors[actorId]=%p, ", actor->GetId(),
                      actorId, actor->GetTypeName().c_str(), typeName.c_str(), static_cast<void const*>(actor.get()));
@@ -566,13 +571,7 @@ std::size_t CClientConnection::Erase(int actorId)
 
 void CClientConnection::StopWorker()
 {
-    if (!m_thread.IsCurrentThread())
-    {
-        m_thread.StopAndJoin();
-        return;
-    }
-    std::lock_guard<std::mutex> const lock(m_postMutex);
-    m_thread.StopAndJoin();
+    m_thread.StopAndJoin(m_postMutex);
 }
 
 void CClientConnection::DestroyActors(bool deleteObject)

@@ -503,6 +503,61 @@ TEST_F(CutOff, AWorkerInsideALineAboutAnActorThatIsDeletedHoldsNobodyUp)
     installStderrSink();
 }
 
+TEST_F(CutOff, AWorkerInsideALineAboutARepeatedActorHoldsNobodyUp)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    CClientConnection::lastActorId = id - 1;
+    log::SetSink([&](ELevel, std::string const& line) {
+        if (line.find("Actor id should not repeat") != std::string::npos)
+        {
+            m_spin.Enter();
+        }
+    });
+
+    auto const reply = server.port.Call(callOf(0, "CClientConnection", "ctor", std::string("Thing")), 4);
+
+    expectAnEmptyReplyAndOnKill(server, *reply);
+    expectANewActor(server, id);
+    EXPECT_TRUE(m_spin.End());
+    installStderrSink();
+}
+
+TEST_F(CutOff, AWorkerInsideALineAboutItsOwnStopHoldsNobodyUp)
+{
+    for (std::string const stop : {"from current thread", "done"})
+    {
+        CThingServer server(atCancellationPoint());
+        int const id = server.Ctor(4);
+        CSpin stalled;
+        std::atomic<bool> isFirst{true};
+        log::SetSink([&](ELevel, std::string const& line) {
+            if (line.find("StopAndJoin") != std::string::npos && line.find(stop) != std::string::npos &&
+                isFirst.exchange(false))
+            {
+                stalled.Enter();
+            }
+        });
+        auto const reply = server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4);
+        ASSERT_TRUE(stalled.WaitUntilEntered());
+
+        // From another thread: it must not be the test that waits for ever.
+        std::shared_ptr<CFakePort::CReply> next;
+        CGate received;
+        std::thread receiver([&] {
+            next = server.Call(4, id, "Add", 2);
+            received.Open();
+        });
+
+        EXPECT_TRUE(received.Wait(5s)) << "the receiver waits for the worker";
+        EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+        EXPECT_TRUE(stalled.End());
+        receiver.join();
+        EXPECT_TRUE(next->Wait());
+        installStderrSink();
+    }
+}
+
 // A late return
 
 TEST_F(CutOff, WhatALateWorkerSendsIsDroppedWithALine)
