@@ -213,8 +213,7 @@ void CClientConnection::Ping(std::string const& name, std::function<void()> onKi
     {
         beforeKill = [this] { ReportHang(); };
     }
-    m_core->WhileHostLives(
-        [&] { m_host.GetThreadWatchdog().Ping(&m_thread, std::move(onKill), name, std::move(beforeKill)); });
+    m_core->GetWatchdog().Ping(&m_thread, std::move(onKill), name, std::move(beforeKill));
 }
 
 void CClientConnection::ReportHang()

@@ -12,7 +12,8 @@
 namespace nelo_rpc
 {
 
-CHostCore::CHostCore(CRpcPort& port, SHostOptions options) : m_port(port), m_options(std::move(options))
+CHostCore::CHostCore(CRpcPort& port, SHostOptions options)
+    : m_port(port), m_options(std::move(options)), m_watchdog(m_options.hangLimitMs, m_options.hangCheckMs)
 {
     if (IsReportingHangs())
     {

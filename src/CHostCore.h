@@ -3,6 +3,7 @@
 #include <nelo_rpc/CLoopThread.h>
 #include <nelo_rpc/CRpcHost.h>
 #include <nelo_rpc/CRpcPort.h>
+#include <nelo_rpc/CThreadWatchdog.h>
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/HangReport.h>
 
@@ -34,6 +35,9 @@ public:
     bool SendCallback(types::CValueList const& list, int connectionId);
 
     SHostOptions const& GetOptions() const { return m_options; }
+
+    /// Stopped when the host has ended.
+    CThreadWatchdog& GetWatchdog() { return m_watchdog; }
     std::shared_ptr<CCutOffCount> const& GetCutOffs() const { return m_cutOffs; }
 
     /// Who a client is, or nothing if that cannot be told. May ask the bus, and then blocks for a round trip.
@@ -61,6 +65,7 @@ private:
 
     CRpcPort& m_port;
     SHostOptions const m_options;
+    CThreadWatchdog m_watchdog;           // here, because a worker may be cut off on its way into it
     mutable std::shared_mutex m_endMutex; // shared by those who use the host, whose end waits for them
     std::shared_ptr<std::atomic<bool>> const m_ended = std::make_shared<std::atomic<bool>>(false);
     std::shared_ptr<CCutOffCount> const m_cutOffs = std::make_shared<CCutOffCount>();

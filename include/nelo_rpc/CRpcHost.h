@@ -201,7 +201,6 @@ private:
     std::recursive_mutex m_mutex; // guards the registry
     std::map<int, CClientConnection> m_connections;
     std::map<std::string, std::shared_ptr<SActorType const>> m_actorTypes;
-    CThreadWatchdog m_watchdog;
 
     std::shared_ptr<CHostCore> const m_core; // what connections use beyond the host's end
 

@@ -670,6 +670,33 @@ TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromTheLog)
     installStderrSink();
 }
 
+TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromItsWatchdog)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    server.port.SetSendResult(false); // so that the worker posts a removal, and has it watched
+    log::SetSink([&](ELevel, std::string const& line) {
+        if (line.find("CThreadWatchdog::Ping") != std::string::npos && line.find("remove[") != std::string::npos)
+        {
+            m_spin.Enter();
+        }
+    });
+    server.Call(4, id, "Change", 1);
+    ASSERT_TRUE(m_spin.WaitUntilEntered());
+
+    // From another thread: it must not be the test that waits for ever.
+    CGate ended;
+    std::thread application([&] {
+        server.host.reset();
+        ended.Open();
+    });
+
+    EXPECT_TRUE(ended.Wait(8s));
+    EXPECT_TRUE(m_spin.End());
+    application.join();
+    installStderrSink();
+}
+
 TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromThePort)
 {
     for (auto const kill : {EKill::Anywhere, EKill::AtCancellationPoint})
