@@ -10,6 +10,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <shared_mutex>
 #include <string>
@@ -51,7 +52,7 @@ public:
 
     bool IsReportingHangs() const;
 
-    /// Writes the lines of a report and hands it to the application.
+    /// Writes the lines of a report and hands it to the application, one report after the other.
     void Report(SHangReport const& report) const;
 
     /// Set when the host ends; shared with calls, which may still be answered then.
@@ -66,6 +67,7 @@ private:
     CRpcPort& m_port;
     SHostOptions const m_options;
     CThreadWatchdog m_watchdog;           // here, because a worker may be cut off on its way into it
+    mutable std::mutex m_reportMutex;     // one report after the other: several threads may kill
     mutable std::shared_mutex m_endMutex; // shared by those who use the host, whose end waits for them
     std::shared_ptr<std::atomic<bool>> const m_ended = std::make_shared<std::atomic<bool>>(false);
     std::shared_ptr<CCutOffCount> const m_cutOffs = std::make_shared<CCutOffCount>();

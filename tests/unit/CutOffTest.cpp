@@ -558,6 +558,81 @@ TEST_F(CutOff, AWorkerInsideALineAboutItsOwnStopHoldsNobodyUp)
     }
 }
 
+// Several at once
+
+TEST_F(CutOff, AClientThatCannotBeToldOfItsKillHoldsUpNoOther)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    int const other = server.Ctor(5);
+    CGate stalled;
+    CGate release;
+    server.port.OnSendCallback([&](types::CValueList const&, int connectionId) {
+        if (connectionId == 4)
+        {
+            stalled.Open();
+            release.Wait();
+        }
+        return true;
+    });
+    server.run = [](CThing&) { ::sleep(60); };
+    server.Call(4, id, "Run");
+    ASSERT_TRUE(stalled.Wait());
+
+    auto const reply = server.Call(5, other, "Run");
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    release.Open();
+}
+
+TEST_F(CutOff, AClientThatCannotBeAnsweredHoldsUpNoOther)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    int const other = server.Ctor(5);
+    CGate stalled;
+    CGate release;
+    server.run = [](CThing&) { ::sleep(60); };
+    server.port.OnFunctionCall(callOf(id, "Thing", "Run"), 4, [&](types::CValueList const&) {
+        stalled.Open();
+        release.Wait();
+    });
+    ASSERT_TRUE(stalled.Wait());
+
+    auto const reply = server.Call(5, other, "Run");
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    release.Open();
+}
+
+TEST_F(CutOff, AThreadOfTheApplicationThatStallsInASendHoldsUpNoOther)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    CThing* const thing = server.LastThing();
+    int const other = server.Ctor(5);
+    CGate stalled;
+    CGate release;
+    server.port.OnSendCallback([&](types::CValueList const& callback, int) {
+        if (types::unpackAt<std::string>(callback, protocol::METHOD_NAME) == "OnChanged")
+        {
+            stalled.Open();
+            release.Wait();
+        }
+        return true;
+    });
+    std::thread publisher([thing] { thing->OnChanged.Send(1); });
+    ASSERT_TRUE(stalled.Wait());
+    server.run = [](CThing&) { ::sleep(60); };
+    server.Call(4, id, "Run");
+
+    auto const reply = server.Call(5, other, "Run"); // killed after the other one
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    release.Open();
+    publisher.join();
+}
+
 // A late return
 
 TEST_F(CutOff, WhatALateWorkerSendsIsDroppedWithALine)
