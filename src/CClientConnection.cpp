@@ -131,7 +131,10 @@ public:
             auto const lock = connection.LockTable();
             connection.m_running = SRunning{actorType, function, m_thread, std::chrono::steady_clock::now()};
         }
-        static_cast<void>(connection.FindPeer()); // the report has no time for it
+        if (!connection.m_isPeerAskedFor.exchange(true))
+        {
+            static_cast<void>(connection.FindPeer()); // the report has no time for it
+        }
     }
 
     CRunning(CRunning const&) = delete;

@@ -180,6 +180,8 @@ private:
     std::shared_ptr<SPeer const> m_peer;  // once it was asked for
     std::shared_ptr<CActor> m_unfinished; // being set up
     std::optional<SRunning> m_running;    // only if hangs are reported
+
+    std::atomic<bool> m_isPeerAskedFor{false}; // for reports, which can do without an answer
 };
 
 } // namespace nelo_rpc
