@@ -131,7 +131,10 @@ public:
             auto const lock = connection.LockTable();
             connection.m_running = SRunning{actorType, function, m_thread, std::chrono::steady_clock::now()};
         }
-        static_cast<void>(connection.FindPeer()); // the report has no time for it
+        if (!connection.m_isPeerAskedFor.exchange(true))
+        {
+            static_cast<void>(connection.FindPeer()); // the report has no time for it
+        }
     }
 
     CRunning(CRunning const&) = delete;
@@ -213,8 +216,7 @@ void CClientConnection::Ping(std::string const& name, std::function<void()> onKi
     {
         beforeKill = [this] { ReportHang(); };
     }
-    m_core->WhileHostLives(
-        [&] { m_host.GetThreadWatchdog().Ping(&m_thread, std::move(onKill), name, std::move(beforeKill)); });
+    m_core->GetWatchdog().Ping(&m_thread, std::move(onKill), name, std::move(beforeKill));
 }
 
 void CClientConnection::ReportHang()
@@ -467,18 +469,23 @@ void CClientConnection::Enter(std::shared_ptr<CActor> const& actor, int actorId,
     logInconsistency(Error, CREATE,
                      "actor id=%d, knownActors=%zu, knownActors[actorId]=%p, lastActorId=%d, typeName=%s", actorId,
                      known, current, lastActorId.load(), typeName.c_str());
+    std::optional<std::pair<int, std::string>> replaced; // id and type: the actor may be gone when they are written
     {
         auto const lock = LockTable();
         CActor*& entry = m_knownActors[actorId];
         if (entry != nullptr)
         {
             // Whoever holds on to the old one may still use it, so it is neither destroyed nor freed.
-            logInconsistency(Error, CREATE,
-                             "actor id= %d(%d), typeName=%s(%s). Actor id should not repeat for client connection!",
-                             entry->GetId(), actorId, entry->GetTypeName().c_str(), typeName.c_str());
+            replaced.emplace(entry->GetId(), entry->GetTypeName());
         }
         entry = actor.get();
         actor->m_self = actor;
+    }
+    if (replaced)
+    {
+        logInconsistency(Error, CREATE,
+                         "actor id= %d(%d), typeName=%s(%s). Actor id should not repeat for client connection!",
+                         replaced->first, actorId, replaced->second.c_str(), typeName.c_str());
     }
     logInconsistency(Info, CREATE, "actor id=%d(%d), typeName=%s(%s), knownActors[actorId]=%p, ", actor->GetId(),
                      actorId, actor->GetTypeName().c_str(), typeName.c_str(), static_cast<void const*>(actor.get()));
@@ -511,7 +518,6 @@ void CClientConnection::DestroyActor(CActor* actor, bool deleteObject)
 
 void CClientConnection::DestroyClaimed(std::shared_ptr<CActor> actor, bool deleteObject)
 {
-    CActor* const address = actor.get();
     int const actorId = actor->GetId();
     std::string const typeName = actor->GetTypeName();
     logDebug() << "CClientConnection::dtor actorId=" << actorId << " deleteObject=" << deleteObject;
@@ -531,13 +537,10 @@ void CClientConnection::DestroyClaimed(std::shared_ptr<CActor> actor, bool delet
         CCancellationWindow const window;
     }
     logDebug() << "CClientConnection::dtor deleting actor...";
-    {
-        auto const lock = LockTable();
-        std::shared_ptr<CActor> const ownHold = std::move(actor->m_self);
-    }
+    LetGoOf(*actor);
     actor.reset();
     logDebug() << "CClientConnection::dtor erasing actor from knownActors...";
-    std::size_t const remaining = Erase(actorId, address);
+    std::size_t const remaining = Erase(actorId);
     logDebug() << "CClientConnection::dtor of " << actorId << " done, " << remaining << " actors remaining";
     if (remaining == 1)
     {
@@ -545,24 +548,32 @@ void CClientConnection::DestroyClaimed(std::shared_ptr<CActor> actor, bool delet
     }
 }
 
-std::size_t CClientConnection::Erase(int actorId, CActor* actor)
+void CClientConnection::LetGoOf(CActor& actor)
+{
+    // Out of reach before it is deleted, which may take for ever: the application's functions go with it. The handler of
+    // a kill must not meet an actor that is half gone, or gone.
+    auto const lock = LockTable();
+    auto const entry = m_knownActors.find(actor.GetId());
+    if (entry != m_knownActors.end() && entry->second == &actor)
+    {
+        entry->second = nullptr;
+    }
+    m_claimed.erase(&actor);
+    m_leaving.erase(actor.GetId());
+    actor.m_self.reset(); // which the caller holds too
+}
+
+std::size_t CClientConnection::Erase(int actorId)
 {
     auto const lock = LockTable();
     m_knownActors.erase(actorId);
-    m_claimed.erase(actor);
     m_leaving.erase(actorId);
     return m_knownActors.size();
 }
 
 void CClientConnection::StopWorker()
 {
-    if (!m_thread.IsCurrentThread())
-    {
-        m_thread.StopAndJoin();
-        return;
-    }
-    std::lock_guard<std::mutex> const lock(m_postMutex);
-    m_thread.StopAndJoin();
+    m_thread.StopAndJoin(m_postMutex);
 }
 
 void CClientConnection::DestroyActors(bool deleteObject)

@@ -12,8 +12,13 @@
 namespace nelo_rpc
 {
 
-CHostCore::CHostCore(CRpcPort& port, SHostOptions options) : m_port(port), m_options(std::move(options))
+CHostCore::CHostCore(CRpcPort& port, SHostOptions options)
+    : m_port(port), m_options(std::move(options)), m_watchdog(m_options.hangLimitMs, m_options.hangCheckMs)
 {
+    if (m_options.kill == EKill::AtCancellationPoint)
+    {
+        m_watchdog.KillBeside();
+    }
     if (IsReportingHangs())
     {
         interrupt::Prepare();
@@ -72,6 +77,7 @@ void CHostCore::Refuse(int connectionId, types::CValueList const& refusal, CRpcP
 
 void CHostCore::Report(SHangReport const& report) const
 {
+    std::lock_guard<std::mutex> const lock(m_reportMutex);
     std::string const peer = report.peer ? "uid=" + std::to_string(report.peer->uid) +
                                                " gid=" + std::to_string(report.peer->gid) +
                                                " pid=" + std::to_string(report.peer->pid)

@@ -3,12 +3,14 @@
 #include <nelo_rpc/CLoopThread.h>
 #include <nelo_rpc/CRpcHost.h>
 #include <nelo_rpc/CRpcPort.h>
+#include <nelo_rpc/CThreadWatchdog.h>
 #include <nelo_rpc/CValueList.h>
 #include <nelo_rpc/HangReport.h>
 
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <shared_mutex>
 #include <string>
@@ -34,6 +36,9 @@ public:
     bool SendCallback(types::CValueList const& list, int connectionId);
 
     SHostOptions const& GetOptions() const { return m_options; }
+
+    /// Stopped when the host has ended.
+    CThreadWatchdog& GetWatchdog() { return m_watchdog; }
     std::shared_ptr<CCutOffCount> const& GetCutOffs() const { return m_cutOffs; }
 
     /// Who a client is, or nothing if that cannot be told. May ask the bus, and then blocks for a round trip.
@@ -47,7 +52,7 @@ public:
 
     bool IsReportingHangs() const;
 
-    /// Writes the lines of a report and hands it to the application.
+    /// Writes the lines of a report and hands it to the application, one report after the other.
     void Report(SHangReport const& report) const;
 
     /// Set when the host ends; shared with calls, which may still be answered then.
@@ -61,6 +66,8 @@ private:
 
     CRpcPort& m_port;
     SHostOptions const m_options;
+    CThreadWatchdog m_watchdog;           // here, because a worker may be cut off on its way into it
+    mutable std::mutex m_reportMutex;     // one report after the other: several threads may kill
     mutable std::shared_mutex m_endMutex; // shared by those who use the host, whose end waits for them
     std::shared_ptr<std::atomic<bool>> const m_ended = std::make_shared<std::atomic<bool>>(false);
     std::shared_ptr<CCutOffCount> const m_cutOffs = std::make_shared<CCutOffCount>();

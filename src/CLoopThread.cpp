@@ -376,6 +376,16 @@ void CLoopThread::Leave(SGeneration& generation)
 
 void CLoopThread::StopAndJoin()
 {
+    Stop(nullptr);
+}
+
+void CLoopThread::StopAndJoin(std::mutex& postMutex)
+{
+    Stop(&postMutex);
+}
+
+void CLoopThread::Stop(std::mutex* postMutex)
+{
     CCancellationGuard const guard;
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -393,6 +403,8 @@ void CLoopThread::StopAndJoin()
     logDebug() << "CLoopThread::StopAndJoin thread " << id << " from current thread " << interrupt::OwnThread();
     if (IsCurrentThread())
     {
+        // Not while lines are written: a worker that is cut off in one would hold it for ever.
+        auto const lock = postMutex != nullptr ? std::unique_lock(*postMutex) : std::unique_lock<std::mutex>();
         Retire();
     }
     else

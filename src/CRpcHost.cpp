@@ -26,9 +26,7 @@ SHostOptions SHostOptions::Recommended()
 
 CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
                    std::function<void(CRpcHost& host)> const& registerTypes)
-    : m_port(port),
-      m_watchdog(options.hangLimitMs, options.hangCheckMs),
-      m_core(std::make_shared<CHostCore>(port, options))
+    : m_port(port), m_core(std::make_shared<CHostCore>(port, options))
 {
     if (registerTypes)
     {
@@ -39,7 +37,7 @@ CRpcHost::CRpcHost(CRpcPort& port, SHostOptions const& options,
         [this](types::CValueList const& call, int connectionId, CRpcPort::ReplyFunction reply) {
             OnFunctionCall(call, connectionId, std::move(reply));
         });
-    m_watchdog.Start();
+    m_core->GetWatchdog().Start();
     if (options.orphans == EOrphans::Destroy)
     {
         WatchClients();
@@ -59,8 +57,8 @@ CRpcHost::~CRpcHost()
     {
         connection.Shutdown();
     }
-    m_watchdog.StopAndJoin();
-    m_watchdog.Forget();
+    m_core->GetWatchdog().StopAndJoin();
+    m_core->GetWatchdog().Forget();
     for (auto& [connectionId, connection] : m_connections)
     {
         connection.Close();
@@ -164,7 +162,7 @@ bool CRpcHost::SendCallback(types::CValueList const& list, int connectionId)
 
 CThreadWatchdog& CRpcHost::GetThreadWatchdog()
 {
-    return m_watchdog;
+    return m_core->GetWatchdog();
 }
 
 SHostOptions const& CRpcHost::GetOptions() const

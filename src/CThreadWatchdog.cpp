@@ -5,6 +5,7 @@
 #include "SystemLog.h"
 
 #include <list>
+#include <thread>
 #include <utility>
 
 namespace nelo_rpc
@@ -23,6 +24,7 @@ CThreadWatchdog::~CThreadWatchdog()
 {
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
     StopAndJoin();
+    WaitForKills();
 }
 
 void CThreadWatchdog::Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name)
@@ -64,7 +66,14 @@ void CThreadWatchdog::Tick()
     logDebug() << "CThreadWatchdog::Tick";
     if (!WaitForStop(m_periodMs))
     {
-        KillAll(TakeExpired());
+        if (m_killsBeside)
+        {
+            KillAllBeside(TakeExpired());
+        }
+        else
+        {
+            KillAll(TakeExpired());
+        }
     }
     if (IsStarted()) // posting would start a thread again that a handler stopped
     {
@@ -114,19 +123,85 @@ void CThreadWatchdog::KillAll(std::vector<SPing> const& victims)
     }
     for (SPing const& victim : victims)
     {
-        if (victim.beforeKill)
-        {
-            victim.beforeKill();
-        }
-        logError() << "CThreadWatchdog::Tick Killing thread " << victim.thread->GetId();
-        victim.thread->Kill();
-        victim.onKill();
+        KillOne(victim);
     }
+}
+
+void CThreadWatchdog::KillOne(SPing const& victim)
+{
+    if (victim.beforeKill)
+    {
+        victim.beforeKill();
+    }
+    logError() << "CThreadWatchdog::Tick Killing thread " << victim.thread->GetId();
+    victim.thread->Kill();
+    victim.onKill();
+}
+
+void CThreadWatchdog::KillBeside()
+{
+    m_killsBeside = true;
+}
+
+void CThreadWatchdog::KillAllBeside(std::vector<SPing> victims)
+{
+    // All are queued before the first is killed, so that no worker starts between two kills of the same thread.
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    std::vector<CLoopThread*> idle;
+    for (SPing& victim : victims)
+    {
+        auto const [kills, isNew] = m_kills.try_emplace(victim.thread);
+        if (isNew)
+        {
+            idle.push_back(victim.thread);
+        }
+        kills->second.push_back(std::move(victim));
+    }
+    for (CLoopThread* const thread : idle)
+    {
+        std::thread(&CThreadWatchdog::RunKills, this, thread).detach();
+        ++m_killers;
+    }
+}
+
+void CThreadWatchdog::RunKills(CLoopThread* thread)
+{
+    {
+        CStartHold const hold(*thread); // as in KillAll()
+        while (auto const victim = NextOf(thread))
+        {
+            KillOne(*victim);
+        }
+    }
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    --m_killers;
+    m_killed.notify_all();
+}
+
+std::optional<CThreadWatchdog::SPing> CThreadWatchdog::NextOf(CLoopThread* thread)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const kills = m_kills.find(thread);
+    if (kills->second.empty())
+    {
+        m_kills.erase(kills);
+        return std::nullopt;
+    }
+    SPing victim = std::move(kills->second.front());
+    kills->second.pop_front();
+    return victim;
+}
+
+void CThreadWatchdog::WaitForKills()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_killed.wait(lock, [this] { return m_killers == 0; });
 }
 
 void CThreadWatchdog::Forget()
 {
     CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    WaitForKills();
     std::map<unsigned int, SPing> forgotten; // destroyed unlocked, as in Pong()
     std::lock_guard<std::mutex> const lock(m_mutex);
     m_pings.swap(forgotten);

@@ -123,7 +123,8 @@ private:
     std::shared_ptr<CActor> Hold(CActor& actor) const;
     void Enter(std::shared_ptr<CActor> const& actor, int actorId, std::string const& typeName);
     void DestroyClaimed(std::shared_ptr<CActor> actor, bool deleteObject);
-    std::size_t Erase(int actorId, CActor* actor);
+    void LetGoOf(CActor& actor);
+    std::size_t Erase(int actorId);
     void StopWorker();
     void PostRemoval(int actorId);
     void RemoveLostActor(int actorId);
@@ -179,6 +180,8 @@ private:
     std::shared_ptr<SPeer const> m_peer;  // once it was asked for
     std::shared_ptr<CActor> m_unfinished; // being set up
     std::optional<SRunning> m_running;    // only if hangs are reported
+
+    std::atomic<bool> m_isPeerAskedFor{false}; // for reports, which can do without an answer
 };
 
 } // namespace nelo_rpc

@@ -130,6 +130,10 @@ public:
     /// Destroys the items that are still queued, unrun, and drops every later one: nothing is started any more.
     void Close();
 
+    /// As StopAndJoin(), and called by an item of this thread it puts the stop into the queue with `postMutex` held, so
+    /// that it does not get in between items that are posted under that. Nothing else is done with it held.
+    void StopAndJoin(std::mutex& postMutex);
+
 private:
     struct Message;
 
@@ -144,6 +148,7 @@ private:
     bool TakeNext(SGeneration& generation);
     void Leave(SGeneration& generation);
     void StartLocked();
+    void Stop(std::mutex* postMutex);
     void PushStop();
     void Retire();
     void JoinBehindQueue();

@@ -91,8 +91,8 @@ struct NELO_RPC_API SHostOptions
     /// are asked for before its first call.
     bool reportHangs = false;
 
-    /// Gets the same, and turns `reportHangs` on. Runs on the watchdog's thread, right before the kill, which waits for
-    /// it. What it throws ends the process.
+    /// Gets the same, and turns `reportHangs` on. Runs right before the kill, which waits for it, on the watchdog's thread,
+    /// with AtCancellationPoint on a thread of the kill; never twice at the same time. What it throws ends the process.
     std::function<void(SHangReport const& report)> onHang;
 
     /// What a new application should use: untrusted peers, kills at cancellation points, reports of them, orphans
@@ -201,7 +201,6 @@ private:
     std::recursive_mutex m_mutex; // guards the registry
     std::map<int, CClientConnection> m_connections;
     std::map<std::string, std::shared_ptr<SActorType const>> m_actorTypes;
-    CThreadWatchdog m_watchdog;
 
     std::shared_ptr<CHostCore> const m_core; // what connections use beyond the host's end
 

@@ -3,9 +3,13 @@
 #include <nelo_rpc/CLoopThread.h>
 #include <nelo_rpc/Export.h>
 
+#include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,7 +19,8 @@ namespace nelo_rpc
 /// Kills loop threads that have stopped running their queues.
 ///
 /// A ping is an item on the watched thread; one that the thread does not get to within the limit gets the thread
-/// killed and its handler called. Kills and handlers run on the watchdog's own thread. Since 0.1.
+/// killed and its handler called. Kills and handlers run on the watchdog's own thread, unless it is told otherwise.
+/// Since 0.1.
 class NELO_RPC_API CThreadWatchdog : public CLoopThread
 {
 public:
@@ -33,7 +38,7 @@ public:
     ///
     /// @param thread  must outlive the ping: until it answered, or the handlers of all pings that ran out with it have
     ///                returned, or the watchdog was stopped.
-    /// @param onKill  runs on the watchdog's thread after the kill; must not be empty.
+    /// @param onKill  runs on the watchdog's thread, or the one that kills, after the kill; must not be empty.
     /// @param name    names the ping in log lines.
     /// Every ping is an entry of its own: each one that runs out leads to a kill and a call of its handler.
     void Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name);
@@ -44,13 +49,18 @@ public:
     /// The periodic check; only the watchdog's own thread runs it. Its pause ends when the watchdog is stopped.
     void Tick();
 
-    /// As above, and calls `beforeKill` on the watchdog's thread right before each kill that the ping leads to. It may
+    /// As above, and calls `beforeKill` on the thread of the kill right before each kill that the ping leads to. It may
     /// be empty.
     void Ping(CLoopThread* thread, std::function<void()> onKill, std::string const& name,
               std::function<void()> beforeKill);
 
-    /// Forgets all pings that are open; their handlers are not called.
+    /// Forgets all pings that are open; their handlers are not called. Waits for the kills that are under way beside
+    /// the watchdog, so no handler of such a kill may call it.
     void Forget();
+
+    /// From now on kills run, with what is called before and after them, on threads that are made for them, one for
+    /// each thread that is killed: one whose kill takes long holds up no other. To be called before the first ping.
+    void KillBeside();
 
 private:
     struct SPing
@@ -63,6 +73,11 @@ private:
 
     std::vector<SPing> TakeExpired();
     static void KillAll(std::vector<SPing> const& victims);
+    static void KillOne(SPing const& victim);
+    void KillAllBeside(std::vector<SPing> victims);
+    void RunKills(CLoopThread* thread);
+    std::optional<SPing> NextOf(CLoopThread* thread);
+    void WaitForKills();
     void PostTick();
 
     std::mutex m_mutex;
@@ -70,6 +85,12 @@ private:
     int m_timeoutMs;
     int m_periodMs;
     unsigned int m_lastPingId;
+    std::atomic<bool> m_killsBeside{false};
+
+    // Guarded by m_mutex.
+    std::map<CLoopThread*, std::deque<SPing>> m_kills; // of threads that are being killed, beside the watchdog
+    int m_killers = 0;                                 // threads that do so
+    std::condition_variable m_killed;
 };
 
 } // namespace nelo_rpc

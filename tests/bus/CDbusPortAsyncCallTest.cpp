@@ -113,12 +113,13 @@ protected:
         m_serverPort->SetFunctionCallListener(
             [this](CValueList const& call, int id, CRpcPort::ReplyFunction const& reply) {
                 m_clientId = id;
-                m_arrived.Put(intOf(call));
-                if (m_isKeeping)
+                bool const isKept = m_isKeeping;
+                if (isKept)
                 {
-                    m_replies.Put(reply);
+                    m_replies.Put(reply); // before the test may hear of the arrival
                 }
-                else
+                m_arrived.Put(intOf(call));
+                if (!isKept)
                 {
                     reply(call);
                 }

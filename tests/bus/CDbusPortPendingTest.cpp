@@ -82,7 +82,9 @@ TEST_F(CDbusPortPending, LimitIsRecommendedAndOffByDefault)
 TEST_F(CDbusPortPending, CallbacksOfAPeerThatDoesNotReadAreDroppedByTheBusAndHarmNobodyElse)
 {
     // The bus keeps so much for a peer, and tells whoever sends more.
-    CDbusPort port(m_server.c_str(), true, nelo_rpc::SPortOptions::Recommended());
+    auto options = nelo_rpc::SPortOptions::Recommended();
+    options.maxUnreadBytes = 0; // which would keep the port from it
+    CDbusPort port(m_server.c_str(), true, options);
     CRawPeer idle;
     CRawPeer reader;
     int const idleId = port.AddConnection(idle.GetUniqueName());

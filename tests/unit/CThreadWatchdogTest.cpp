@@ -736,3 +736,92 @@ TEST(CThreadWatchdog, ForgetsItsPingsWithoutTheirHandlers)
     busy.Release();
     busy->StopAndJoin(); // its answer comes to nothing
 }
+
+// Kills beside the watchdog
+
+TEST(CThreadWatchdog, KillsBesideItHoldNoOtherUp)
+{
+    CHungThread stalled;
+    CHungThread other;
+    CGate entered;
+    CGate release;
+    CGate handled;
+    CThreadWatchdog watchdog(100, 50);
+    watchdog.KillBeside();
+
+    watchdog.Ping(
+        stalled.Get(),
+        [&] {
+            entered.Open();
+            release.Wait();
+        },
+        "stalled");
+    ASSERT_TRUE(entered.Wait());
+    watchdog.Ping(
+        other.Get(), [&] { handled.Open(); }, "other");
+
+    EXPECT_TRUE(handled.Wait());
+    release.Open();
+}
+
+TEST(CThreadWatchdog, KillsBesideItOfOneThreadComeInTheOrderOfThePingsAndLetNoWorkerStartInBetween)
+{
+    CLogCapture log;
+    CHungThread thread;
+    CThreadWatchdog watchdog(100, 50);
+    watchdog.KillBeside();
+    std::string handled;
+    std::atomic<bool> isStarted{false};
+    CGate last;
+    CGate ran;
+    watchdog.Ping(
+        thread.Get(),
+        [&] {
+            handled += 'a';
+            thread->Post([&] { ran.Open(); }, "next");
+        },
+        "a");
+    watchdog.Ping(
+        thread.Get(),
+        [&] {
+            isStarted = thread->IsStarted();
+            handled += 'b';
+            last.Open();
+        },
+        "b");
+
+    ASSERT_TRUE(last.Wait());
+
+    EXPECT_EQ("ab", handled);
+    EXPECT_FALSE(isStarted);
+    EXPECT_EQ(2, log.Count("CThreadWatchdog::Tick Killing thread "));
+    EXPECT_TRUE(ran.Wait());
+}
+
+TEST(CThreadWatchdog, ForgettingWaitsForTheKillsBesideIt)
+{
+    CHungThread thread;
+    CGate entered;
+    CGate release;
+    CGate forgotten;
+    CThreadWatchdog watchdog(100, 50);
+    watchdog.KillBeside();
+    watchdog.Ping(
+        thread.Get(),
+        [&] {
+            entered.Open();
+            release.Wait();
+        },
+        "p");
+    ASSERT_TRUE(entered.Wait());
+
+    std::thread owner([&] {
+        watchdog.Forget();
+        forgotten.Open();
+    });
+
+    EXPECT_TRUE(forgotten.StaysShut());
+    release.Open();
+    EXPECT_TRUE(forgotten.Wait());
+    owner.join();
+}

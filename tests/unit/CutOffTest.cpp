@@ -449,6 +449,190 @@ TEST_F(CutOff, AHungDestructorIsLeftToItselfAndItsActorIsForgotten)
     EXPECT_EQ(TRUE_ANSWER, server.Dtor(4, id));
 }
 
+TEST_F(CutOff, AHungDestructorOfWhatAFunctionHoldsIsLeftToItselfAndItsActorIsForgotten)
+{
+    for (auto const kill : {EKill::Anywhere, EKill::AtCancellationPoint})
+    {
+        SHostOptions options = atCancellationPoint();
+        options.kill = kill;
+        CThingServer server(options);
+        CSpin inDestructor;
+        struct SHeld
+        {
+            CSpin& spin;
+            explicit SHeld(CSpin& s) : spin(s) {}
+            SHeld(SHeld const&) = delete;
+            SHeld& operator=(SHeld const&) = delete;
+            ~SHeld() { spin.Enter(); }
+        };
+        server.onSetup = [&](CActor& actor) {
+            if (server.MadeCount() == 1)
+            {
+                actor.AddFunction("Held", [held = std::make_shared<SHeld>(inDestructor)] {});
+            }
+        };
+        int const id = server.Ctor(4);
+
+        auto const reply = server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4);
+
+        expectAnEmptyReplyAndOnKill(server, *reply);
+        expectANewActor(server, id);
+        EXPECT_TRUE(inDestructor.End());
+        EXPECT_EQ(types::toString(listOf(5)), CThingServer::TextOf(*server.Call(4, id, "Add", 3))) << "it was erased";
+        EXPECT_EQ(std::vector<int>{1}, server.Destroyed());
+        EXPECT_EQ(1, reply->Count());
+    }
+}
+
+TEST_F(CutOff, AWorkerInsideALineAboutAnActorThatIsDeletedHoldsNobodyUp)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    log::SetSink([&](ELevel, std::string const& line) {
+        if (line.find("dtor erasing actor from knownActors") != std::string::npos && m_thread.exchange(1) == 0)
+        {
+            m_spin.Enter();
+        }
+    });
+
+    expectAnEmptyReplyAndOnKill(server, *server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4));
+
+    expectANewActor(server, id);
+    EXPECT_TRUE(m_spin.End());
+    EXPECT_EQ(types::toString(listOf(5)), CThingServer::TextOf(*server.Call(4, id, "Add", 3))) << "it was erased";
+    installStderrSink();
+}
+
+TEST_F(CutOff, AWorkerInsideALineAboutARepeatedActorHoldsNobodyUp)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    CClientConnection::lastActorId = id - 1;
+    log::SetSink([&](ELevel, std::string const& line) {
+        if (line.find("Actor id should not repeat") != std::string::npos)
+        {
+            m_spin.Enter();
+        }
+    });
+
+    auto const reply = server.port.Call(callOf(0, "CClientConnection", "ctor", std::string("Thing")), 4);
+
+    expectAnEmptyReplyAndOnKill(server, *reply);
+    expectANewActor(server, id);
+    EXPECT_TRUE(m_spin.End());
+    installStderrSink();
+}
+
+TEST_F(CutOff, AWorkerInsideALineAboutItsOwnStopHoldsNobodyUp)
+{
+    for (std::string const stop : {"from current thread", "done"})
+    {
+        CThingServer server(atCancellationPoint());
+        int const id = server.Ctor(4);
+        CSpin stalled;
+        std::atomic<bool> isFirst{true};
+        log::SetSink([&](ELevel, std::string const& line) {
+            if (line.find("StopAndJoin") != std::string::npos && line.find(stop) != std::string::npos &&
+                isFirst.exchange(false))
+            {
+                stalled.Enter();
+            }
+        });
+        auto const reply = server.port.Call(callOf(0, "CClientConnection", "dtor", id), 4);
+        ASSERT_TRUE(stalled.WaitUntilEntered());
+
+        // From another thread: it must not be the test that waits for ever.
+        std::shared_ptr<CFakePort::CReply> next;
+        CGate received;
+        std::thread receiver([&] {
+            next = server.Call(4, id, "Add", 2);
+            received.Open();
+        });
+
+        EXPECT_TRUE(received.Wait(5s)) << "the receiver waits for the worker";
+        EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+        EXPECT_TRUE(stalled.End());
+        receiver.join();
+        EXPECT_TRUE(next->Wait());
+        installStderrSink();
+    }
+}
+
+// Several at once
+
+TEST_F(CutOff, AClientThatCannotBeToldOfItsKillHoldsUpNoOther)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    int const other = server.Ctor(5);
+    CGate stalled;
+    CGate release;
+    server.port.OnSendCallback([&](types::CValueList const&, int connectionId) {
+        if (connectionId == 4)
+        {
+            stalled.Open();
+            release.Wait();
+        }
+        return true;
+    });
+    server.run = [](CThing&) { ::sleep(60); };
+    server.Call(4, id, "Run");
+    ASSERT_TRUE(stalled.Wait());
+
+    auto const reply = server.Call(5, other, "Run");
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    release.Open();
+}
+
+TEST_F(CutOff, AClientThatCannotBeAnsweredHoldsUpNoOther)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    int const other = server.Ctor(5);
+    CGate stalled;
+    CGate release;
+    server.run = [](CThing&) { ::sleep(60); };
+    server.port.OnFunctionCall(callOf(id, "Thing", "Run"), 4, [&](types::CValueList const&) {
+        stalled.Open();
+        release.Wait();
+    });
+    ASSERT_TRUE(stalled.Wait());
+
+    auto const reply = server.Call(5, other, "Run");
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    release.Open();
+}
+
+TEST_F(CutOff, AThreadOfTheApplicationThatStallsInASendHoldsUpNoOther)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    CThing* const thing = server.LastThing();
+    int const other = server.Ctor(5);
+    CGate stalled;
+    CGate release;
+    server.port.OnSendCallback([&](types::CValueList const& callback, int) {
+        if (types::unpackAt<std::string>(callback, protocol::METHOD_NAME) == "OnChanged")
+        {
+            stalled.Open();
+            release.Wait();
+        }
+        return true;
+    });
+    std::thread publisher([thing] { thing->OnChanged.Send(1); });
+    ASSERT_TRUE(stalled.Wait());
+    server.run = [](CThing&) { ::sleep(60); };
+    server.Call(4, id, "Run");
+
+    auto const reply = server.Call(5, other, "Run"); // killed after the other one
+
+    EXPECT_EQ(EMPTY_ANSWER, CThingServer::TextOf(*reply));
+    release.Open();
+    publisher.join();
+}
+
 // A late return
 
 TEST_F(CutOff, WhatALateWorkerSendsIsDroppedWithALine)
@@ -558,6 +742,33 @@ TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromTheLog)
     EXPECT_TRUE(m_spin.End());
     EXPECT_EQ(1, reply->Count());
     EXPECT_EQ(0, server.MadeCount());
+    installStderrSink();
+}
+
+TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromItsWatchdog)
+{
+    CThingServer server(atCancellationPoint());
+    int const id = server.Ctor(4);
+    server.port.SetSendResult(false); // so that the worker posts a removal, and has it watched
+    log::SetSink([&](ELevel, std::string const& line) {
+        if (line.find("CThreadWatchdog::Ping") != std::string::npos && line.find("remove[") != std::string::npos)
+        {
+            m_spin.Enter();
+        }
+    });
+    server.Call(4, id, "Change", 1);
+    ASSERT_TRUE(m_spin.WaitUntilEntered());
+
+    // From another thread: it must not be the test that waits for ever.
+    CGate ended;
+    std::thread application([&] {
+        server.host.reset();
+        ended.Open();
+    });
+
+    EXPECT_TRUE(ended.Wait(8s));
+    EXPECT_TRUE(m_spin.End());
+    application.join();
     installStderrSink();
 }
 

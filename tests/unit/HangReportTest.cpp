@@ -132,6 +132,19 @@ TEST(HangReport, TellsWhoTheClientIs)
     EXPECT_EQ(::getpid(), report.peer->pid);
 }
 
+TEST(HangReport, AsksTheBusAboutAClientOnceAlsoIfItDoesNotSayWhoThatIs)
+{
+    SHostOptions options;
+    options.reportHangs = true;
+    CThingServer server(options);
+    int const id = server.Ctor(4);
+
+    EXPECT_TRUE(server.Call(4, id, "Add", 1)->Wait());
+    EXPECT_TRUE(server.Call(4, id, "Add", 1)->Wait());
+
+    EXPECT_EQ(std::vector<int>{4}, server.port.CredentialQueries());
+}
+
 TEST(HangReport, ShowsTheStackOfAThreadThatComputes)
 {
     if (isSignalPutOff())
