@@ -455,7 +455,11 @@ void CDbusPort::HandleFunctionCall(types::CValueList const& list, int connection
             std::lock_guard<std::mutex> const lock(m_io->mutex);
             m_io->unanswered.erase(message);
         }
-        SendFunctionResult(message, result);
+        // The bus lets no answer pass that nobody waits for, and sends an error about it.
+        if (m_options.peers == EPeers::Trusted || isAnswerable(message))
+        {
+            SendFunctionResult(message, result);
+        }
     });
 }
 
@@ -560,7 +564,11 @@ bool CDbusPort::SendFunctionResult(DBusMessage* call, types::CValueList const& l
     }
     std::string const caller = types::toString(dbus_message_get_sender(call));
     std::size_t const size = m_io->unread.SizeOf(list);
-    std::string const why = HasTooMuchUnread(caller, size) ? UNREAD : dbus::whyNotSendable(list);
+    // Where peers are trusted, a value of a class that cannot be sent is thrown at whoever answers.
+    bool const isTrusted = m_options.peers == EPeers::Trusted;
+    std::string const why = HasTooMuchUnread(caller, size) ? UNREAD
+                            : isTrusted                    ? dbus::whyNotSendable(list)
+                                                           : dbus::failureToSendAnything(list).reason;
     if (!why.empty())
     {
         logError() << "CDbusPort::SendFunctionResult to " << caller << " refused: " << why;

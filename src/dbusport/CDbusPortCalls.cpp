@@ -152,7 +152,8 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, SCallFa
     if (isConnected && isReceived && (m_io->IsInside() || !IsReadBy(EReader::Receiver)))
     {
         sendLock.unlock();
-        return m_io->side.Ask(message, timeoutMs); // nobody takes the answer while this thread waits
+        m_io->Flush(m_connection, deadlineIn(timeoutMs)); // as a question on this connection would
+        return m_io->side.Ask(message, timeoutMs);        // nobody takes the answer while this thread waits
     }
     dbus::MessagePointer reply;
     if (isConnected && !m_io->IsInside())

@@ -284,6 +284,21 @@ void CDbusPort::CIo::StopWatching()
     }
 }
 
+void CDbusPort::CIo::Flush(DBusConnection* connection, Deadline deadline) const
+{
+    int leftMs = millisecondsTo(deadline);
+    while (dbus_connection_has_messages_to_send(connection) && leftMs != 0)
+    {
+        pollfd waited{m_fd, POLLIN | POLLOUT, 0};
+        ::poll(&waited, 1, leftMs);
+        if (!dbus_connection_read_write(connection, 0))
+        {
+            return;
+        }
+        leftMs = millisecondsTo(deadline);
+    }
+}
+
 void CDbusPort::CIo::WaitForKick(int timeoutMs) const
 {
     pollfd waited{m_eventFd, POLLIN, 0};

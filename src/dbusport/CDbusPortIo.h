@@ -54,6 +54,9 @@ public:
     /// not return while another thread reads instead, unless the calling one is to end.
     void Wait(DBusConnection* connection, int timeoutMs);
 
+    /// Writes what waits to be sent, until the time is over or the connection is lost.
+    void Flush(DBusConnection* connection, Deadline deadline) const;
+
     /// Waits for a kick only.
     void WaitForKick(int timeoutMs) const;
 

@@ -514,3 +514,31 @@ TEST_F(CDbusPortUntrustedClient, IsRecommended)
     EXPECT_EQ(nelo_rpc::EPeers::Trusted, nelo_rpc::SPortOptions().peers);
     EXPECT_EQ(nelo_rpc::EPeers::Untrusted, nelo_rpc::SPortOptions::Recommended().peers);
 }
+
+TEST_F(CDbusPortUntrusted, PortSendsNoAnswerToWhoWaitsForNone)
+{
+    CLogCapture log;
+    MessagePtr const call = addressedCall(m_server);
+    dbus_message_set_no_reply(call.get(), TRUE);
+    m_peer.Send(call.get());
+    ExpectAnswersAsTheFirstPeerHeardOf();
+
+    EXPECT_EQ(2u, m_callers.Count());
+    EXPECT_EQ(0, countLines(log, ELevel::Error,
+                            "CDbusPort::OnDbusMessage ignoring message from org.freedesktop.DBus with path="))
+        << "the bus has sent an error about the answer";
+}
+
+TEST_F(CDbusPortUntrusted, PortAnswersWithAnErrorWhereAValueCannotBeSent)
+{
+    m_port.SetFunctionCallListener([](CValueList const&, int, CRpcPort::ReplyFunction const& reply) {
+        CValueList list;
+        list[0] = nelo_rpc::types::makeValue(true); // of a class without a tag
+        reply(list);
+    });
+    CLogCapture log;
+    MessagePtr const answer = m_peer.Call(addressedCall(m_server).get());
+
+    EXPECT_EQ(DBUS_ERROR_FAILED, errorNameOf(answer));
+    EXPECT_EQ(1, countErrorsAbout(log, "CDbusPort::SendFunctionResult to " + m_peer.GetUniqueName()));
+}
