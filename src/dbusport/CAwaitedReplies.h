@@ -19,7 +19,7 @@ public:
     /// Runs once, on the thread that takes the answer or ends the calls; null if there is no answer.
     using Done = std::function<void(DBusMessage* answer)>;
 
-    /// Sends a call. False if it cannot be sent; `done` does not run then.
+    /// Sends a call, with a serial of its own if it has one. False if it cannot be sent; `done` does not run then.
     bool Send(DBusConnection* connection, DBusMessage* call, Done done);
 
     /// Waits for the answer to a call that was sent, and whose answer cannot have been dispatched yet.

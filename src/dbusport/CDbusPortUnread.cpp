@@ -4,8 +4,22 @@
 #include "DbusPointers.h"
 #include "PolicyHints.h"
 
+#include <random>
+
 namespace nelo_rpc
 {
+
+namespace
+{
+
+/// A serial that nobody can guess who has not read the message: the bus library counts from 1 upwards.
+dbus_uint32_t newSecretSerial()
+{
+    constexpr dbus_uint32_t UPPER_HALF = 0x80000000;
+    return UPPER_HALF | std::random_device()();
+}
+
+} // namespace
 
 bool CDbusPort::HasTooMuchUnread(std::string const& destination, std::size_t size) const
 {
@@ -29,6 +43,7 @@ void CDbusPort::Ping(std::string const& name)
 {
     dbus::MessagePointer const ping(dbus_message_new_method_call(name.c_str(), "/", DBUS_INTERFACE_PEER, "Ping"));
     dbus_message_set_auto_start(ping.get(), FALSE);
+    dbus_message_set_serial(ping.get(), newSecretSerial());
     if (!m_io->awaited.Send(m_connection, ping.get(), [this, name](DBusMessage* answer) { HandlePong(name, answer); }))
     {
         m_io->unread.EndPing(name, CUnread::EPing::Lost);
@@ -47,7 +62,8 @@ void CDbusPort::HandlePong(std::string const& name, DBusMessage* answer)
         }
         return;
     }
-    bool const isLost = answer == nullptr || (isOfBus && dbus_message_is_error(answer, DBUS_ERROR_LIMITS_EXCEEDED));
+    bool const isLimited = isOfBus && dbus_message_is_error(answer, DBUS_ERROR_LIMITS_EXCEEDED);
+    bool const isLost = answer == nullptr || isLimited;
     if (m_io->unread.EndPing(name, isLost ? CUnread::EPing::Lost : CUnread::EPing::Answered))
     {
         Ping(name);

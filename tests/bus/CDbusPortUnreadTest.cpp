@@ -141,6 +141,27 @@ TEST_F(CDbusPortUnread, LimitIsShared)
     EXPECT_LE(total, LIMIT);
 }
 
+TEST_F(CDbusPortUnread, LimitIsNotLiftedByAnswersToPingsThatWereNotRead)
+{
+    CRawPeer peer;
+    MessagePtr const answer = peer.Call(rawCall(m_server).get());
+    ASSERT_NE(nullptr, answer);
+    int const id = 0;
+    EXPECT_LT(Fill(id, 1000), 1000);
+
+    // Serials are counted, so one that was seen tells those that follow.
+    for (dbus_uint32_t ahead = 1; ahead <= 100; ++ahead)
+    {
+        MessagePtr const guess(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+        dbus_message_set_destination(guess.get(), m_server.c_str());
+        dbus_message_set_reply_serial(guess.get(), dbus_message_get_serial(answer.get()) + ahead);
+        peer.Send(guess.get());
+    }
+    CRawPeer other; // whose answer comes behind what the bus has let through
+    ASSERT_NE(nullptr, other.Call(rawCall(m_server).get()));
+    EXPECT_FALSE(m_port.SendCallback(listOfBytes(PAYLOAD), id));
+}
+
 TEST_F(CDbusPortUnread, LimitForgetsPeersThatLeave)
 {
     int first = 0;
