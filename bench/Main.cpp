@@ -37,6 +37,8 @@ namespace
 
 constexpr std::size_t KIBIBYTE = 1024;
 
+constexpr int IN_FLIGHT = 64;
+
 using Clock = std::chrono::steady_clock;
 
 /// What one operation does, and how many callbacks or calls it stands for.
@@ -84,6 +86,10 @@ SWorkload workloadOf(std::string const& name, int count)
         {"callbacks",
          [&] {
              return SWorkload{[count](IClient& client) { client.ReceiveCallbacks(count); }, count};
+         }},
+        {"in-flight",
+         [&] {
+             return SWorkload{[count](IClient& client) { client.EchoInFlight(count, IN_FLIGHT); }, count};
          }},
         {"objects", [] { return SWorkload{[](IClient& client) { client.MakeAndDestroy(); }}; }},
     };

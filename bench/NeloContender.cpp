@@ -1,4 +1,5 @@
 #include "Contender.h"
+#include "InFlight.h"
 
 #include "../src/SystemLog.h"
 
@@ -85,6 +86,14 @@ T required(std::optional<T> result)
     return std::move(*result);
 }
 
+void requireActor(CEchoProxy& proxy)
+{
+    if (proxy.GetId() == 0)
+    {
+        fail("no actor");
+    }
+}
+
 class CNeloClient : public IClient
 {
 public:
@@ -123,13 +132,29 @@ public:
         m_proxy->OnTick.Subscribe([](int const&) {});
     }
 
-    void MakeAndDestroy() override { CEchoProxy const proxy(m_client); }
+    /// With "plain" nobody reads the port: each call would be made inside the handler of the one before.
+    void EchoInFlight(int calls, int window) override
+    {
+        CInFlight inFlight(calls, window, [this](CInFlight::SPlace& place) {
+            m_proxy->EchoInt.CallAsync(
+                [&place](std::optional<int> answer) { place.calls.Answer(place, required(answer)); }, place.value);
+        });
+        inFlight.Start();
+        inFlight.Wait();
+    }
+
+    void MakeAndDestroy() override
+    {
+        CEchoProxy proxy(m_client);
+        requireActor(proxy);
+    }
 
     void Populate(int objects) override
     {
         for (; objects > 0; --objects)
         {
             m_others.push_back(std::make_unique<CEchoProxy>(m_client));
+            requireActor(*m_others.back());
         }
     }
 

@@ -49,13 +49,14 @@ WORKLOADS = {
     "bytes-1m": ("bytes-1m", 40, 1, "echo of 1 MiB"),
     "clients-8": ("int", 1000, 8, "8 clients, echo of an int"),
     "callbacks": ("callbacks", 50000, 1, "callbacks to one client"),
+    "in-flight-64": ("in-flight", 20000, 1, "echo of an int, 64 calls in flight"),
     "objects": ("objects", 1500, 1, "an object made and destroyed"),
 }
 
 # Not every contender has objects, and some would measure what another one of theirs has measured.
 ONLY = {
     "nelo-plain": {"int", "text-1k", "bytes-64k", "bytes-1m", "clients-8", "objects"},
-    "raw-worker": {"int", "text-1k", "bytes-64k", "bytes-1m", "clients-8"},
+    "raw-worker": {"int", "text-1k", "bytes-64k", "bytes-1m", "clients-8", "in-flight-64"},
     "raw-unasked": {"callbacks"},
 }
 WITH_OBJECTS = {"nelo", "nelo-plain", "nelo-logged"}
