@@ -3,8 +3,8 @@
 
 #include <gio/gio.h>
 
-/// GLib's bus library: single calls are made synchronously; answers to others, signals and the server's methods come in a
-/// main loop.
+/// GLib's bus library: single calls are made synchronously; answers to others, signals and the server's methods come
+/// in a main loop.
 namespace bench
 {
 

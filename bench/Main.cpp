@@ -32,6 +32,11 @@ void IClient::Populate(int)
     fail("there are no objects to make");
 }
 
+void IClient::Depopulate()
+{
+    fail("there are no objects to destroy");
+}
+
 namespace
 {
 
@@ -90,6 +95,10 @@ SWorkload workloadOf(std::string const& name, int count)
         {"in-flight",
          [&] {
              return SWorkload{[count](IClient& client) { client.EchoInFlight(count, IN_FLIGHT); }, count};
+         }},
+        {"depopulate",
+         [&] {
+             return SWorkload{[](IClient& client) { client.Depopulate(); }, count};
          }},
         {"objects", [] { return SWorkload{[](IClient& client) { client.MakeAndDestroy(); }}; }},
     };

@@ -94,6 +94,14 @@ void requireActor(CEchoProxy& proxy)
     }
 }
 
+/// What is recommended, but without a limit of actors: some measurements are about a client that has 100,000.
+nelo_rpc::SHostOptions hostOptions()
+{
+    nelo_rpc::SHostOptions options = nelo_rpc::SHostOptions::Recommended();
+    options.maxActors = 0;
+    return options;
+}
+
 class CNeloClient : public IClient
 {
 public:
@@ -158,6 +166,8 @@ public:
         }
     }
 
+    void Depopulate() override { m_others.clear(); }
+
 private:
     nelo_rpc::CDbusPort m_port;
     nelo_rpc::CRpcClient m_client;
@@ -178,7 +188,7 @@ void serve(std::string const& variant, std::string const& name, std::function<vo
 {
     setUpLog(variant);
     nelo_rpc::CDbusPort port(name.c_str(), true, nelo_rpc::SPortOptions::Recommended());
-    nelo_rpc::CRpcHost const host(port, nelo_rpc::SHostOptions::Recommended(), [](nelo_rpc::CRpcHost& types) {
+    nelo_rpc::CRpcHost const host(port, hostOptions(), [](nelo_rpc::CRpcHost& types) {
         types.RegisterActorType<CEcho>("Echo", [](nelo_rpc::CActor& actor, CEcho& echo) {
             actor.AddFunction("EchoInt", echo, &CEcho::EchoInt);
             actor.AddFunction("EchoText", echo, &CEcho::EchoText);
