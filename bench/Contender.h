@@ -27,11 +27,18 @@ public:
     /// Has the server send that many callbacks with an integer each, and returns when all have been handled.
     virtual void ReceiveCallbacks(int count) = 0;
 
+    /// Makes that many calls of EchoInt, keeps `window` of them open at a time, or as many as are left, and returns
+    /// when all have been answered with their arguments.
+    virtual void EchoInFlight(int calls, int window) = 0;
+
     /// Makes an object in the server and destroys it. For contenders that have such.
     virtual void MakeAndDestroy();
 
     /// Leaves that many objects in the server behind. For contenders that have such.
     virtual void Populate(int objects);
+
+    /// Destroys what Populate() has made, one after the other. For contenders that have such.
+    virtual void Depopulate();
 };
 
 /// @param variant  one of several ways to use the library, as the contender names them.

@@ -1,8 +1,10 @@
 #include "Contender.h"
+#include "InFlight.h"
 
 #include <gio/gio.h>
 
-/// GLib's bus library: calls are made synchronously, signals and the server's methods run in a main loop.
+/// GLib's bus library: single calls are made synchronously; answers to others, signals and the server's methods come
+/// in a main loop.
 namespace bench
 {
 
@@ -84,7 +86,34 @@ public:
         g_dbus_connection_signal_unsubscribe(m_connection, subscription);
     }
 
+    void EchoInFlight(int calls, int window) override
+    {
+        CInFlight inFlight(calls, window, [this](CInFlight::SPlace& place) {
+            g_dbus_connection_call(m_connection, m_server.c_str(), PATH, INTERFACE, "EchoInt",
+                                   g_variant_new("(i)", place.value), nullptr, G_DBUS_CALL_FLAGS_NONE, NO_TIMEOUT,
+                                   nullptr, &CGdbusClient::OnAnswer, &place);
+        });
+        inFlight.Start();
+        while (!inFlight.IsDone())
+        {
+            g_main_context_iteration(nullptr, TRUE);
+        }
+    }
+
 private:
+    static void OnAnswer(GObject* connection, GAsyncResult* result, gpointer place)
+    {
+        Variant const reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr));
+        if (reply == nullptr)
+        {
+            fail("no reply");
+        }
+        int answer = 0;
+        g_variant_get(reply.get(), "(i)", &answer);
+        auto& answered = *static_cast<CInFlight::SPlace*>(place);
+        answered.calls.Answer(answered, answer);
+    }
+
     static void OnTick(GDBusConnection*, char const*, char const*, char const*, char const*, GVariant*, gpointer client)
     {
         --static_cast<CGdbusClient*>(client)->m_expected;

@@ -32,10 +32,17 @@ void IClient::Populate(int)
     fail("there are no objects to make");
 }
 
+void IClient::Depopulate()
+{
+    fail("there are no objects to destroy");
+}
+
 namespace
 {
 
 constexpr std::size_t KIBIBYTE = 1024;
+
+constexpr int IN_FLIGHT = 64;
 
 using Clock = std::chrono::steady_clock;
 
@@ -84,6 +91,14 @@ SWorkload workloadOf(std::string const& name, int count)
         {"callbacks",
          [&] {
              return SWorkload{[count](IClient& client) { client.ReceiveCallbacks(count); }, count};
+         }},
+        {"in-flight",
+         [&] {
+             return SWorkload{[count](IClient& client) { client.EchoInFlight(count, IN_FLIGHT); }, count};
+         }},
+        {"depopulate",
+         [&] {
+             return SWorkload{[](IClient& client) { client.Depopulate(); }, count};
          }},
         {"objects", [] { return SWorkload{[](IClient& client) { client.MakeAndDestroy(); }}; }},
     };

@@ -1,4 +1,5 @@
 #include "Contender.h"
+#include "InFlight.h"
 
 #include "../src/SystemLog.h"
 
@@ -85,6 +86,22 @@ T required(std::optional<T> result)
     return std::move(*result);
 }
 
+void requireActor(CEchoProxy& proxy)
+{
+    if (proxy.GetId() == 0)
+    {
+        fail("no actor");
+    }
+}
+
+/// What is recommended, but without a limit of actors: some measurements are about a client that has 100,000.
+nelo_rpc::SHostOptions hostOptions()
+{
+    nelo_rpc::SHostOptions options = nelo_rpc::SHostOptions::Recommended();
+    options.maxActors = 0;
+    return options;
+}
+
 class CNeloClient : public IClient
 {
 public:
@@ -123,15 +140,33 @@ public:
         m_proxy->OnTick.Subscribe([](int const&) {});
     }
 
-    void MakeAndDestroy() override { CEchoProxy const proxy(m_client); }
+    /// With "plain" nobody reads the port: each call would be made inside the handler of the one before.
+    void EchoInFlight(int calls, int window) override
+    {
+        CInFlight inFlight(calls, window, [this](CInFlight::SPlace& place) {
+            m_proxy->EchoInt.CallAsync(
+                [&place](std::optional<int> answer) { place.calls.Answer(place, required(answer)); }, place.value);
+        });
+        inFlight.Start();
+        inFlight.Wait();
+    }
+
+    void MakeAndDestroy() override
+    {
+        CEchoProxy proxy(m_client);
+        requireActor(proxy);
+    }
 
     void Populate(int objects) override
     {
         for (; objects > 0; --objects)
         {
             m_others.push_back(std::make_unique<CEchoProxy>(m_client));
+            requireActor(*m_others.back());
         }
     }
+
+    void Depopulate() override { m_others.clear(); }
 
 private:
     nelo_rpc::CDbusPort m_port;
@@ -153,7 +188,7 @@ void serve(std::string const& variant, std::string const& name, std::function<vo
 {
     setUpLog(variant);
     nelo_rpc::CDbusPort port(name.c_str(), true, nelo_rpc::SPortOptions::Recommended());
-    nelo_rpc::CRpcHost const host(port, nelo_rpc::SHostOptions::Recommended(), [](nelo_rpc::CRpcHost& types) {
+    nelo_rpc::CRpcHost const host(port, hostOptions(), [](nelo_rpc::CRpcHost& types) {
         types.RegisterActorType<CEcho>("Echo", [](nelo_rpc::CActor& actor, CEcho& echo) {
             actor.AddFunction("EchoInt", echo, &CEcho::EchoInt);
             actor.AddFunction("EchoText", echo, &CEcho::EchoText);

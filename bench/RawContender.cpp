@@ -1,4 +1,5 @@
 #include "Contender.h"
+#include "InFlight.h"
 
 #include <dbus/dbus.h>
 
@@ -171,7 +172,36 @@ public:
         dbus_connection_remove_filter(m_connection, &CRawClient::Count, &received);
     }
 
+    void EchoInFlight(int calls, int window) override
+    {
+        CInFlight inFlight(calls, window, [this](CInFlight::SPlace& place) { StartCall(place); });
+        inFlight.Start();
+        while (!inFlight.IsDone())
+        {
+            dbus_connection_read_write_dispatch(m_connection, -1);
+        }
+    }
+
 private:
+    void StartCall(CInFlight::SPlace& place)
+    {
+        Message const call = MakeCall("EchoInt", place.value);
+        DBusPendingCall* pending = nullptr;
+        if (!dbus_connection_send_with_reply(m_connection, call.get(), &pending, -1) || pending == nullptr)
+        {
+            fail("not sent");
+        }
+        dbus_pending_call_set_notify(pending, &CRawClient::OnReply, &place, nullptr);
+        dbus_pending_call_unref(pending); // the connection has a reference until the reply
+    }
+
+    static void OnReply(DBusPendingCall* pending, void* place)
+    {
+        auto& answered = *static_cast<CInFlight::SPlace*>(place);
+        Message const reply(dbus_pending_call_steal_reply(pending));
+        answered.calls.Answer(answered, std::get<int>(read(reply.get()).argument));
+    }
+
     static DBusHandlerResult Count(DBusConnection*, DBusMessage* message, void* received)
     {
         if (!dbus_message_is_signal(message, INTERFACE, MEMBER))
@@ -183,16 +213,22 @@ private:
         return DBUS_HANDLER_RESULT_HANDLED;
     }
 
-    /// What is returned lives until the next call.
-    Value Call(char const* function, Value const& argument)
+    Message MakeCall(char const* function, Value const& argument) const
     {
-        Message const call(dbus_message_new_method_call(m_server.c_str(), PATH, INTERFACE, MEMBER));
+        Message call(dbus_message_new_method_call(m_server.c_str(), PATH, INTERFACE, MEMBER));
         DBusMessageIter iter;
         dbus_message_iter_init_append(call.get(), &iter);
         append(iter, -4, "Echo");
         append(iter, -2, 1);
         append(iter, -1, function);
         append(iter, 0, argument);
+        return call;
+    }
+
+    /// What is returned lives until the next call.
+    Value Call(char const* function, Value const& argument)
+    {
+        Message const call = MakeCall(function, argument);
         m_reply.reset(dbus_connection_send_with_reply_and_block(m_connection, call.get(), -1, nullptr));
         if (m_reply == nullptr)
         {

@@ -1,4 +1,5 @@
 #include "Contender.h"
+#include "InFlight.h"
 
 #include <systemd/sd-bus.h>
 
@@ -97,6 +98,25 @@ int countTick(sd_bus_message* signal, void* received, sd_bus_error*)
     return 0;
 }
 
+int onAnswer(sd_bus_message* reply, void* place, sd_bus_error*)
+{
+    int answer = 0;
+    require(sd_bus_message_read(reply, "i", &answer), "no result");
+    auto& answered = *static_cast<CInFlight::SPlace*>(place);
+    answered.calls.Answer(answered, answer);
+    return 0;
+}
+
+void processOrWait(sd_bus* bus)
+{
+    int const processed = sd_bus_process(bus, nullptr);
+    require(processed, "not processed");
+    if (processed == 0)
+    {
+        require(sd_bus_wait(bus, UINT64_MAX), "not waited");
+    }
+}
+
 class CSdBusClient : public IClient
 {
 public:
@@ -141,14 +161,23 @@ public:
         Call("Publish", "i", count);
         while (received < count)
         {
-            int const processed = sd_bus_process(m_bus, nullptr);
-            require(processed, "not processed");
-            if (processed == 0)
-            {
-                require(sd_bus_wait(m_bus, UINT64_MAX), "not waited");
-            }
+            processOrWait(m_bus);
         }
         sd_bus_slot_unref(slot);
+    }
+
+    void EchoInFlight(int calls, int window) override
+    {
+        CInFlight inFlight(calls, window, [this](CInFlight::SPlace& place) {
+            require(sd_bus_call_method_async(m_bus, nullptr, m_server.c_str(), PATH, INTERFACE, "EchoInt", &onAnswer,
+                                             &place, "i", place.value),
+                    "not sent");
+        });
+        inFlight.Start();
+        while (!inFlight.IsDone())
+        {
+            processOrWait(m_bus);
+        }
     }
 
 private:
@@ -187,12 +216,7 @@ void serve(std::string const& /*variant*/, std::string const& name, std::functio
     ready();
     for (;;)
     {
-        int const processed = sd_bus_process(bus, nullptr);
-        require(processed, "not processed");
-        if (processed == 0)
-        {
-            require(sd_bus_wait(bus, UINT64_MAX), "not waited");
-        }
+        processOrWait(bus);
     }
 }
 

@@ -1,4 +1,5 @@
 #include "Contender.h"
+#include "InFlight.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -39,6 +40,24 @@ public:
         m_proxy->callMethod("Publish").onInterface(INTERFACE).withArguments(count);
         lock.lock();
         m_last.wait(lock, [this] { return m_expected == 0; });
+    }
+
+    void EchoInFlight(int calls, int window) override
+    {
+        CInFlight inFlight(calls, window, [this](CInFlight::SPlace& place) {
+            m_proxy->callMethodAsync("EchoInt")
+                .onInterface(INTERFACE)
+                .withArguments(place.value)
+                .uponReplyInvoke([&place](sdbus::Error const* error, int answer) {
+                    if (error != nullptr)
+                    {
+                        fail(error->what());
+                    }
+                    place.calls.Answer(place, answer);
+                });
+        });
+        inFlight.Start();
+        inFlight.Wait();
     }
 
 private:

@@ -14,32 +14,16 @@ import argparse
 import json
 import os
 import platform
-import select
-import signal
-import socket
 import statistics
 import subprocess
 import sys
-import tempfile
-import threading
 import time
 from pathlib import Path
 
-LIMIT_SECONDS = 180
-BASELINE = "raw"
+from growth import growth_figures, growth_tables
+from scene import CONTENDERS, Failure, Scene, measure
 
-# Name -> (program, variant, what it is).
-CONTENDERS = {
-    "nelo": ("bench_nelo", "delivery", "this library, client with CCallbackDelivery"),
-    "nelo-plain": ("bench_nelo", "plain", "this library, client without delivery"),
-    "nelo-logged": ("bench_nelo", "logged", "this library, every line written to a log socket that is read"),
-    "raw": ("bench_raw", "one-thread", "libdbus, append functions, one thread on each side"),
-    "raw-worker": ("bench_raw", "worker", "the same, server with a worker thread"),
-    "raw-unasked": ("bench_raw", "unasked", "the same, callbacks without asking the bus for the receiver"),
-    "sd-bus": ("bench_sdbus", "-", "libsystemd"),
-    "sdbus-c++": ("bench_sdbuscpp", "-", "sdbus-c++"),
-    "gdbus": ("bench_gdbus", "-", "GLib"),
-}
+BASELINE = "raw"
 
 # Name -> (workload of the program, operations, client processes, what it is).
 WORKLOADS = {
@@ -49,197 +33,35 @@ WORKLOADS = {
     "bytes-1m": ("bytes-1m", 40, 1, "echo of 1 MiB"),
     "clients-8": ("int", 1000, 8, "8 clients, echo of an int"),
     "callbacks": ("callbacks", 50000, 1, "callbacks to one client"),
+    "in-flight-64": ("in-flight", 20000, 1, "echo of an int, 64 calls in flight"),
     "objects": ("objects", 1500, 1, "an object made and destroyed"),
 }
 
 # Not every contender has objects, and some would measure what another one of theirs has measured.
 ONLY = {
     "nelo-plain": {"int", "text-1k", "bytes-64k", "bytes-1m", "clients-8", "objects"},
-    "raw-worker": {"int", "text-1k", "bytes-64k", "bytes-1m", "clients-8"},
+    "raw-worker": {"int", "text-1k", "bytes-64k", "bytes-1m", "clients-8", "in-flight-64"},
     "raw-unasked": {"callbacks"},
 }
 WITH_OBJECTS = {"nelo", "nelo-plain", "nelo-logged"}
 
-BUS_CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:tmpdir=/tmp</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-  </policy>
-</busconfig>
-"""
-
-
-class Failure(Exception):
-    pass
-
-
-class Process:
-    """A program that says a line when it is ready, and is ended at the latest when it goes out of scope."""
-
-    def __init__(self, command, environment=None, errors=None):
-        self.command = command
-        self.process = subprocess.Popen(
-            command, env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, bufsize=0
-        )
-        self.buffer = b""
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
-            try:
-                self.process.wait(10)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
-        self.process.stdin.close()
-        self.process.stdout.close()
-
-    @property
-    def pid(self):
-        return self.process.pid
-
-    def line(self):
-        deadline = time.monotonic() + LIMIT_SECONDS
-        while b"\n" not in self.buffer:
-            ready, _, _ = select.select([self.process.stdout], [], [], max(0.0, deadline - time.monotonic()))
-            chunk = os.read(self.process.stdout.fileno(), 65536) if ready else b""
-            if not chunk:
-                raise Failure(f"{' '.join(map(str, self.command))}: {'ended' if ready else 'no answer'}")
-            self.buffer += chunk
-        line, self.buffer = self.buffer.split(b"\n", 1)
-        return line.decode()
-
-    def go(self):
-        self.process.stdin.write(b"\n")
-
-
-class LogDaemon:
-    """Reads what is logged, and counts it."""
-
-    def __init__(self, path):
-        self.path = path
-        self.lines = 0
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.socket.bind(path)
-        self.socket.settimeout(0.2)
-        self.stop = False
-        self.thread = threading.Thread(target=self.read, daemon=True)
-        self.thread.start()
-
-    def read(self):
-        while not self.stop:
-            try:
-                self.socket.recv(4096)
-                self.lines += 1
-            except socket.timeout:
-                pass
-
-    def close(self):
-        self.stop = True
-        self.thread.join()
-        self.socket.close()
-
-
-def start_bus(folder):
-    configuration = folder / "bus.conf"
-    configuration.write_text(BUS_CONFIGURATION)
-    command = ["dbus-daemon", "--nofork", "--nopidfile", f"--config-file={configuration}", "--print-address=1"]
-    bus = Process(command, errors=subprocess.DEVNULL)
-    try:
-        return bus, bus.line()
-    except Failure:
-        bus.__exit__()
-        raise
-
-
-def measure(build, contender, workload, scale, objects=0, bystanders=0):
-    """One measurement: a dictionary of figures, each time in microseconds and for one operation."""
-    program, variant, _ = CONTENDERS[contender]
+def measure_workload(build, contender, workload, scale):
     operation, count, clients, _ = WORKLOADS[workload]
-    command = [str(build / program), variant]
-    count = max(3, int(count * scale))
-    with tempfile.TemporaryDirectory() as name:
-        folder = Path(name)
-        log = LogDaemon(str(folder / "log"))
-        bus, address = start_bus(folder)
-        try:
-            environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": address, "BENCH_LOG_SOCKET": log.path}
-            with bus, Process(command + ["server", "org.example.bench"], environment) as server:
-                server.line()
-                pids = f"server={server.pid},bus={bus.pid}"
-                idle = [
-                    Process(command + ["client", "org.example.bench", "int", "1"], environment)
-                    for _ in range(bystanders)
-                ]
-                running = [
-                    Process(
-                        command + ["client", "org.example.bench", operation, str(count), pids, str(objects)],
-                        environment,
-                    )
-                    for _ in range(clients)
-                ]
-                try:
-                    for client in idle + running:
-                        client.line()
-                    for client in running:
-                        client.go()
-                    return combined([json.loads(client.line()) for client in running])
-                finally:
-                    for client in running + idle:
-                        client.__exit__()
-        finally:
-            log.close()
-
-
-def combined(reports):
-    """The figures of clients that ran at the same time."""
-    operations = sum(report["operations"] for report in reports)
-    seconds = (max(r["end"] for r in reports) - min(r["begin"] for r in reports)) / 1e6
-    figures = {"operations": operations, "per_second": operations / seconds}
-    for key in reports[0]:
-        if key not in ("operations", "begin", "end"):
-            figures[key] = statistics.median(report[key] for report in reports)
-    if len(reports) > 1:
-        # Each client has seen what server and bus did for all of them, over a time of its own.
-        for key in list(figures):
-            if key.startswith(("server_", "bus_")) and not key.endswith("_kib"):
-                figures[key] /= len(reports)
-    return figures
+    return measure(build, contender, operation, max(3, int(count * scale)), clients)
 
 
 def idle_figures(build, contender, seconds):
     """What a server does that nobody calls: wake-ups a second, CPU and memory."""
-    program, variant, _ = CONTENDERS[contender]
-    with tempfile.TemporaryDirectory() as name:
-        bus, address = start_bus(Path(name))
-        environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": address}
-        with bus, Process([str(build / program), variant, "server", "org.example.bench"], environment) as server:
-            server.line()
-            time.sleep(1)
-            before = process_cost(server.pid)
-            time.sleep(seconds)
-            after = process_cost(server.pid)
-            return {
-                "wakeups_per_second": (after["switches"] - before["switches"]) / seconds,
-                "cpu_us_per_second": (after["cpu_us"] - before["cpu_us"]) / seconds,
-                "rss_kib": after["rss_kib"],
-            }
+    with Scene(build, contender) as scene:
+        time.sleep(1)
+        before = process_cost(scene.server.pid)
+        time.sleep(seconds)
+        after = process_cost(scene.server.pid)
+        return {
+            "wakeups_per_second": (after["switches"] - before["switches"]) / seconds,
+            "cpu_us_per_second": (after["cpu_us"] - before["cpu_us"]) / seconds,
+            "rss_kib": after["rss_kib"],
+        }
 
 
 def process_cost(pid):
@@ -290,7 +112,7 @@ def run_rounds(arguments, contenders, out):
             shift = number % max(1, len(order))
             for contender in order[shift:] + order[:shift]:
                 try:
-                    figures = measure(arguments.build, contender, workload, arguments.scale)
+                    figures = measure_workload(arguments.build, contender, workload, arguments.scale)
                     results[workload][contender][number] = figures
                     record = {"round": number, "workload": workload, "contender": contender, **figures}
                     out.write(json.dumps(record) + "\n")
@@ -350,13 +172,6 @@ def idle_table(idle):
     return lines
 
 
-def growth_table(growth):
-    lines = ["| | p50 µs | server memory KiB |", "|---|---|---|"]
-    for what, figures in growth.items():
-        lines.append(f"| {what} | {figures['p50_us']:.1f} | {figures['server_rss_kib']:.0f} |")
-    return lines
-
-
 def machine():
     model = next(
         (l.split(":")[1].strip() for l in Path("/proc/cpuinfo").read_text().splitlines() if l.startswith("model name")),
@@ -380,7 +195,7 @@ def report(results, idle, growth, contenders, arguments):
     for workload in arguments.workloads:
         lines += [f"### {workload}: {WORKLOADS[workload][3]}", "", *workload_table(results, contenders, workload), ""]
     if growth:
-        lines += ["### Cost of a call as work grows", "", *growth_table(growth), ""]
+        lines += growth_tables(growth)
     if idle:
         lines += ["### An idle server", "", *idle_table(idle), ""]
     return "\n".join(lines)
@@ -418,16 +233,6 @@ def plot(results, contenders, workloads):
     )
 
 
-def growth_figures(arguments):
-    """What a call costs beside other objects and other clients."""
-    growth = {}
-    for objects in (1, 100, 10000, 100000):
-        growth[f"{objects:,} more objects"] = measure(arguments.build, "nelo", "int", arguments.scale, objects=objects)
-    for clients in (1, 10, 100, 200):
-        growth[f"{clients} more clients"] = measure(arguments.build, "nelo", "int", arguments.scale, bystanders=clients)
-    return growth
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=lambda p: Path(p).resolve())
@@ -437,7 +242,7 @@ def main():
     parser.add_argument("--contenders", type=lambda s: s.split(","), default=list(CONTENDERS))
     parser.add_argument("--workloads", type=lambda s: s.split(","), default=list(WORKLOADS))
     parser.add_argument("--idle", type=float, default=0, metavar="SECONDS", help="also look at idle servers")
-    parser.add_argument("--growth", action="store_true", help="also measure with many objects and many clients")
+    parser.add_argument("--growth", action="store_true", help="also measure with many objects and many clients, three rounds at most")
     arguments = parser.parse_args()
 
     contenders = [c for c in arguments.contenders if (arguments.build / CONTENDERS[c][0]).exists()]
@@ -447,11 +252,17 @@ def main():
     arguments.output.mkdir(parents=True, exist_ok=True)
     with open(arguments.output / "results.jsonl", "w", encoding="utf-8") as out:
         results, failures = run_rounds(arguments, contenders, out)
+        growth = {}
+        if arguments.growth:
+            try:
+                growth = growth_figures(arguments.build, arguments.scale, arguments.rounds, out)
+            except Failure as failure:
+                failures += 1
+                print(f"growth: {failure}", file=sys.stderr)
     idle = {}
     if arguments.idle > 0:
         servers = [c for c in contenders if c not in ("nelo-plain", "nelo-logged", "raw-unasked")]
         idle = {c: idle_figures(arguments.build, c, arguments.idle) for c in servers}
-    growth = growth_figures(arguments) if arguments.growth else {}
     text = report(results, idle, growth, contenders, arguments)
     (arguments.output / "results.md").write_text(text, encoding="utf-8")
     (arguments.output / "results.svg").write_text(plot(results, contenders, arguments.workloads), encoding="utf-8")
@@ -459,4 +270,5 @@ def main():
     sys.exit(1 if failures else 0)
 
 
-main()
+if __name__ == "__main__":
+    main()
