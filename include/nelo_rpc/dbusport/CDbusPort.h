@@ -144,8 +144,8 @@ public:
     /// @return false on a synchronous port, without a connection, and if the bus refuses.
     bool WatchPeers(std::function<void(int connectionId)> onGone) override;
 
-    /// Whether the port has its connection to the bus, and its name if it asked for one. Does not ask the bus: a loss
-    /// shows when the port next reads, which without a receiver, a delivery or a loop is in the next call. Any thread.
+    /// Whether the port has its connection to the bus, and its name, or a place in the queue for it, if it asked for one.
+    /// Does not ask the bus: a loss shows when the port next reads, which without a receiver, a delivery or a loop is in the next call. Any thread.
     /// Since 0.1.
     bool IsOpen() const;
 
