@@ -16,7 +16,8 @@
 #   share/dbus-1/system-services/<name>.service     the activation file, if ACTIVATABLE
 #
 # under the prefix. The bus reads the first from /usr and /etc alone: for a prefix other than /usr set
-# NELO_RPC_POLICY_DIR to /etc/dbus-1/system.d. Since 0.1.
+# NELO_RPC_POLICY_DIR to /etc/dbus-1/system.d. The unit and the activation file name the executable under
+# CMAKE_INSTALL_PREFIX: to stage an installation use DESTDIR, and not `cmake --install --prefix`. Since 0.1.
 
 set(NELO_RPC_POLICY_DIR share/dbus-1/system.d CACHE STRING "Where bus policies are installed")
 

@@ -44,6 +44,18 @@ add_test(NAME examples.client_without_server COMMAND ${examples_bus} $<TARGET_FI
 set_tests_properties(examples.client_without_server PROPERTIES
     PASS_REGULAR_EXPRESSION "nobody owns org.example.climate on the bus")
 
+# With a policy, a bus allows what it says and nothing else.
+set(policies ${CMAKE_CURRENT_BINARY_DIR}/policies)
+file(WRITE ${policies}/open.conf "<busconfig><policy context=\"default\"><allow own=\"org.example.climate\"/>"
+    "<allow send_destination=\"org.example.climate\"/></policy></busconfig>")
+file(WRITE ${policies}/closed.conf "<busconfig/>")
+add_test(NAME examples.policy_that_allows COMMAND ${examples_bus} --policy ${policies}/open.conf
+    --server $<TARGET_FILE:thermostat_server> $<TARGET_FILE:thermostat_client>)
+add_test(NAME examples.policy_that_refuses
+    COMMAND ${examples_bus} --policy ${policies}/closed.conf $<TARGET_FILE:thermostat_server>)
+set_tests_properties(examples.policy_that_refuses PROPERTIES
+    PASS_REGULAR_EXPRESSION "it does not give the name org.example.climate")
+
 add_test(NAME examples.local_test COMMAND local_test)
 
 # By the system's Python, because the bus bindings are installed for that one.
@@ -63,6 +75,7 @@ add_test(NAME docs.logs COMMAND ${CMAKE_CURRENT_LIST_DIR}/check-logs
     ${CMAKE_CURRENT_LIST_DIR}/../docs/logs.md ${CMAKE_CURRENT_LIST_DIR}/../src)
 
 set_tests_properties(examples.thermostat examples.epoll_client examples.one_interface examples.calls_in_flight examples.timers
-    examples.surviving_client examples.client_without_server examples.local_test examples.python_client
-    examples.python_client_values ${further_tests} docs.readme docs.guide docs.logs
+    examples.surviving_client examples.client_without_server examples.policy_that_allows examples.policy_that_refuses
+    examples.local_test examples.python_client examples.python_client_values ${further_tests}
+    docs.readme docs.guide docs.logs
     PROPERTIES TIMEOUT 90)

@@ -54,6 +54,7 @@ std::string CRpcPort::GetPeerName(int /*connectionId*/) const
     return {};
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a port that watches keeps the function
 bool CRpcPort::WatchPeers(std::function<void(int connectionId)> /*onGone*/)
 {
     return false;

@@ -23,6 +23,9 @@ constexpr milliseconds KILL_NEWS(300);
 
 constexpr char const* CAUSE = "Dbus error: ";
 
+/// What the library says behind such an error, if a rule is the cause: it helps more than the bus's own words.
+constexpr char const* MISSING_RULE = "the policy of the bus lacks ";
+
 /// What the library last said about a call that failed.
 class CCause
 {
@@ -33,11 +36,16 @@ public:
         {
             std::cerr << (line + "\n"); // the process is about to be stopped
         }
-        std::size_t const found = line.find(CAUSE);
-        if (found != std::string::npos)
+        std::size_t const cause = line.find(CAUSE);
+        std::size_t const rule = line.find(MISSING_RULE);
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        if (cause != std::string::npos)
         {
-            std::lock_guard<std::mutex> const lock(m_mutex);
-            m_text = line.substr(found + std::string(CAUSE).size());
+            m_text = line.substr(cause + std::string(CAUSE).size());
+        }
+        else if (rule != std::string::npos)
+        {
+            m_text = line.substr(rule);
         }
     }
 
@@ -79,7 +87,7 @@ std::string ownerOrFail(CBus& bus, std::string const& name)
 
 void catchLog()
 {
-    log::SetThreshold(log::ELevel::Error);
+    log::SetThreshold(log::ELevel::Info); // the level of the rule that is missing
     log::SetSink([](log::ELevel level, std::string const& line) { lastCause().Note(level, line); });
 }
 

@@ -7,6 +7,8 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 CWait::CWait()
 {
     sigset_t stop;
@@ -22,14 +24,22 @@ CWait::~CWait()
     ::close(m_signals);
 }
 
-CWait::EEnd CWait::For(std::vector<int> const& fds, std::optional<std::chrono::milliseconds> limit) const
+CWait::Moment CWait::After(std::optional<std::chrono::milliseconds> limit)
 {
+    return limit ? Moment(std::chrono::steady_clock::now() + *limit) : std::nullopt;
+}
+
+CWait::EEnd CWait::Until(std::vector<int> const& fds, Moment moment) const
+{
+    using namespace std::chrono;
+    auto const left =
+        moment ? std::max(ceil<milliseconds>(*moment - steady_clock::now()), milliseconds(0)) : milliseconds(-1);
     std::vector<pollfd> polled{{m_signals, POLLIN, 0}};
     for (int const fd : fds)
     {
         polled.push_back({fd, POLLIN, 0});
     }
-    int const ready = ::poll(polled.data(), polled.size(), limit ? static_cast<int>(limit->count()) : -1);
+    int const ready = ::poll(polled.data(), polled.size(), static_cast<int>(left.count()));
     if (ready == -1)
     {
         throw CFailure(EExit::Broken, "cannot wait");
@@ -38,5 +48,5 @@ CWait::EEnd CWait::For(std::vector<int> const& fds, std::optional<std::chrono::m
     {
         return EEnd::Interrupted;
     }
-    return ready == 0 ? EEnd::TimedOut : EEnd::Readable;
+    return ready == 0 || left == milliseconds(0) ? EEnd::TimedOut : EEnd::Readable;
 }

@@ -253,21 +253,25 @@ void show(SSeen const& seen, bool asJson)
 void follow(SOptions const& options, CWait const& wait, CBus& bus, CTraffic& traffic)
 {
     long count = 0;
+    CWait::Moment limit = CWait::After(options.timeout);
     for (;;)
     {
         while (MessagePointer const message = bus.Next())
         {
             auto const seen = traffic.Look(*message);
-            if (seen)
+            if (!seen)
             {
-                show(*seen, options.json);
+                continue;
             }
-            if (seen && options.count && ++count >= *options.count)
+            show(*seen, options.json);
+            limit = CWait::After(options.timeout);
+            ++count;
+            if (options.count && count >= *options.count)
             {
                 return;
             }
         }
-        CWait::EEnd const end = wait.For({bus.GetFd()}, options.timeout);
+        CWait::EEnd const end = wait.Until({bus.GetFd()}, limit);
         if (end == CWait::EEnd::Interrupted)
         {
             return;

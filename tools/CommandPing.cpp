@@ -25,7 +25,7 @@ void pingServer(SOptions const& options)
         std::string const ms = inMilliseconds(server.GetDuration());
         print(options.json ? "{\"name\":" + jsonText(name) + ",\"number\":" + std::to_string(i) + ",\"ms\":" + ms + "}"
                            : name + " answered in " + ms + " ms");
-        if (i < count && wait.For({}, BETWEEN) == CWait::EEnd::Interrupted)
+        if (i < count && wait.Until({}, CWait::After(BETWEEN)) == CWait::EEnd::Interrupted)
         {
             return;
         }

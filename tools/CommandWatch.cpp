@@ -29,12 +29,16 @@ public:
     }
 
     /// Not within the library's handler, which nothing may be thrown through.
-    void Print()
+    ///
+    /// @return whether there was anything to print.
+    bool Print()
     {
-        for (std::string const& line : std::exchange(m_lines, {}))
+        std::vector<std::string> const lines = std::exchange(m_lines, {});
+        for (std::string const& line : lines)
         {
             print(line);
         }
+        return !lines.empty();
     }
 
     bool IsDone() const { return m_options.count && m_count >= *m_options.count; }
@@ -55,10 +59,14 @@ private:
 
 void waitForCallbacks(SOptions const& options, CWait const& wait, CBus& bus, CServer& server, CPrinter& printer)
 {
+    CWait::Moment limit = CWait::After(options.timeout);
     for (;;)
     {
         server.Dispatch();
-        printer.Print();
+        if (printer.Print())
+        {
+            limit = CWait::After(options.timeout);
+        }
         while (bus.Next() != nullptr)
         {
             server.RequireThere(); // all that this connection hears of is the server's name
@@ -67,7 +75,7 @@ void waitForCallbacks(SOptions const& options, CWait const& wait, CBus& bus, CSe
         {
             return;
         }
-        CWait::EEnd const end = wait.For({server.GetFd(), bus.GetFd()}, options.timeout);
+        CWait::EEnd const end = wait.Until({server.GetFd(), bus.GetFd()}, limit);
         if (end == CWait::EEnd::Interrupted)
         {
             return;

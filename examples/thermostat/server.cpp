@@ -48,6 +48,11 @@ int main()
 
     nelo_rpc::log::SetThreshold(nelo_rpc::log::ELevel::Info);
     nelo_rpc::CDbusPort port("org.example.climate", true, nelo_rpc::SPortOptions::Recommended());
+    if (!port.IsOpen())
+    {
+        std::cerr << "no bus, or it does not give the name org.example.climate: the log says why\n";
+        return 1;
+    }
 
     // The types are given to the constructor, because a waiting client calls as soon as the host listens.
     nelo_rpc::CRpcHost host(port, nelo_rpc::SHostOptions::Recommended(), [](nelo_rpc::CRpcHost& self) {

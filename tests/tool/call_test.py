@@ -119,9 +119,10 @@ class Failures(tool.ToolTest):
             with self.subTest(name=name):
                 self.expect_failure(USAGE, f"'{name}' is no bus name", "call", name, "Probe", "Add")
 
-    def test_a_refusal_by_the_bus_is_told_with_its_words(self):
+    def test_a_refusal_by_the_bus_names_the_rule_that_is_missing(self):
         self.start(name="org.example.forbidden")
-        self.expect_failure(REFUSED, "refused: Rejected send message", "call", "org.example.forbidden", "Probe", "Add")
+        self.expect_failure(REFUSED, "refused: the policy of the bus lacks <policy user=",
+                            "call", "org.example.forbidden", "Probe", "Add")
 
     def test_somebody_who_is_no_server_refuses(self):
         server = self.bus.run("dbus-send", "--system", "--print-reply", "--dest=org.freedesktop.DBus", "/",

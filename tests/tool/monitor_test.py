@@ -99,6 +99,18 @@ class Monitor(tool.ToolTest):
         self.assertEqual((OK, 2), (done.returncode, len(done.stdout.splitlines())))
         self.expect_failure(NO_REPLY, "no message came in time, after 0 of them", "monitor", "--timeout", "0.2")
 
+    def test_it_says_how_many_messages_came_before_the_time_was_over(self):
+        self.start()
+        done = self.monitor("--timeout", "1").end()
+        self.assertEqual(NO_REPLY, done.returncode)
+        self.assertRegex(done.stderr, "after [1-9][0-9]* of them")
+
+    def test_messages_of_others_do_not_put_the_time_out_off(self):
+        self.start()
+        ticking = self.watching("watch", SERVER, "Ticker", "OnTick")
+        self.assertIn("OnTick", ticking.line())
+        self.expect_failure(NO_REPLY, "no message came in time, after 0 of them", "monitor", OTHER, "--timeout", "0.5")
+
     def test_a_text_that_is_no_name_is_wrong_usage(self):
         self.expect_failure(USAGE, "'x' is no bus name", "monitor", "x")
 

@@ -36,7 +36,8 @@ class Ping(tool.ToolTest):
 
     def test_a_refusal_is_an_error(self):
         self.start(name="org.example.forbidden")
-        self.expect_failure(REFUSED, "refused: Rejected send message", "ping", "org.example.forbidden")
+        self.expect_failure(REFUSED, "refused: the policy of the bus lacks <policy user=",
+                            "ping", "org.example.forbidden")
 
     def test_a_server_that_does_not_answer_is_an_error(self):
         server = self.start()

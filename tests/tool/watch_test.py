@@ -56,6 +56,11 @@ class Watch(tool.ToolTest):
         self.expect_failure(NO_REPLY, "no callback 'OnTld' came in time, after 0 of them",
                             "watch", SERVER, "Probe", "OnTld", "Tell", "3", "--timeout", "0.5")
 
+    def test_other_callbacks_do_not_put_the_time_out_off(self):
+        self.start()
+        self.expect_failure(NO_REPLY, "no callback 'OnTock' came in time, after 0 of them",
+                            "watch", SERVER, "Ticker", "OnTock", "--timeout", "0.5")
+
     def test_too_few_callbacks_in_time_are_an_error(self):
         server = self.start()
         done = self.tool("watch", SERVER, "Probe", "OnTold", "Tell", "2", "--timeout", "1", "--count", "3")

@@ -68,8 +68,8 @@ struct NELO_RPC_API SPortOptions
 /// A port on a private connection to the D-Bus system bus.
 ///
 /// Asynchronous, for a server: it owns a bus name, receives calls and callbacks on a thread of its own, and sends
-/// results and callbacks. Synchronous, for a client: it makes calls, one at a time, and receives callbacks only while
-/// a CCallbackDelivery or DispatchCallbacks() delivers them. An operation of the other mode stops the process.
+/// results and callbacks. Synchronous, for a client: it makes calls, of those that are waited for one at a time, and
+/// receives callbacks only while a CCallbackDelivery or DispatchCallbacks() delivers them. An operation of the other mode stops the process.
 ///
 /// A port whose connection failed or was lost lives on without one: calls give an empty list, the rest false.
 /// Since 0.1.
@@ -144,8 +144,8 @@ public:
     /// @return false on a synchronous port, without a connection, and if the bus refuses.
     bool WatchPeers(std::function<void(int connectionId)> onGone) override;
 
-    /// Whether the port has its connection to the bus, and its name if it asked for one. Does not ask the bus: a loss
-    /// shows when the port next reads, which without a receiver, a delivery or a loop is in the next call. Any thread.
+    /// Whether the port has its connection to the bus, and its name, or a place in the queue for it, if it asked for one.
+    /// Does not ask the bus: a loss shows when the port next reads, which without a receiver, a delivery or a loop is in the next call. Any thread.
     /// Since 0.1.
     bool IsOpen() const;
 
