@@ -169,7 +169,6 @@ DBusMessage* CDbusPort::CIo::CQuestion::ReadAlone(Deadline deadline) const
     // The thread that read has ended. A synchronous port's send mutex is held, so there is no other.
     do
     {
-        m_io.Drain();
         while (dbus::MessagePointer message{dbus_connection_pop_message(m_connection)})
         {
             if (IsAnswer(message.get()))
@@ -189,7 +188,7 @@ bool CDbusPort::CIo::CQuestion::ReadSome(Deadline deadline) const
     {
         return false;
     }
-    m_io.PollFor(m_connection, leftMs);
+    m_io.PollFor(m_connection, m_reads ? m_io.m_insteadFd : m_io.m_eventFd, leftMs);
     return dbus_connection_read_write(m_connection, 0);
 }
 

@@ -47,8 +47,9 @@ public:
     /// The same, for a thread that is to end and reads nothing more.
     void KickOut();
 
-    /// Takes back what kicks have left. Afterwards the connection must be looked at before it is waited for again.
-    void Drain() const;
+    /// Takes back what kicks of the usual thread have left. Afterwards the connection must be looked at before it is
+    /// waited for again.
+    void Drain() const { Drain(m_eventFd); }
 
     /// Waits until there are bytes to read, room for bytes that wait to be sent, or a kick; -1 ms waits for ever. Does
     /// not return while another thread reads instead, unless the calling one is to end.
@@ -173,8 +174,10 @@ public:
     std::set<DBusMessage*> unanswered;
 
 private:
+    static void Drain(int eventFd);
+
     /// Without an eventfd nothing ends a wait before its time, so none is long.
-    int Bounded(int timeoutMs) const;
+    static int Bounded(int eventFd, int timeoutMs);
 
     enum class EEvents
     {
@@ -185,21 +188,22 @@ private:
     EEvents WaitForEvents(int timeoutMs) const;
     void WaitForHandBack();
     void Wake() const;
-    void PollFor(DBusConnection* connection, int timeoutMs) const;
+    void PollFor(DBusConnection* connection, int eventFd, int timeoutMs) const;
     void Watch(unsigned int events);
     bool IsToEnd() const;
 
     CDbusPort& m_port;
     int m_eventFd;
-    int m_epollFd; // of m_eventFd and the connection; -1 if the system gives none
-    int m_fd = -1; // of the connection's socket; not the one that libdbus closes
+    int m_insteadFd; // the eventfd of whoever reads instead: two threads cannot both take back one kick
+    int m_epollFd;   // of m_eventFd and the connection; -1 if the system gives none
+    int m_fd = -1;   // of the connection's socket; not the one that libdbus closes
 
     std::condition_variable m_handedBack;
 
     // Guarded by the mutex.
-    unsigned int m_watched = 0; // what of the connection ends a wait, as epoll names it
-    bool m_isInWait = false;    // and nobody has ended the wait
-    bool m_isReadInstead = false;
+    unsigned int m_watched = 0;               // what of the connection ends a wait, as epoll names it
+    bool m_isInWait = false;                  // and nobody has ended the wait
+    std::atomic<bool> m_isReadInstead{false}; // read by kicks without the mutex
 };
 
 } // namespace nelo_rpc

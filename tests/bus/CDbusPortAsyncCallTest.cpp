@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <ctime>
 #include <optional>
 #include <utility>
 
@@ -610,6 +611,71 @@ TEST_P(CDbusPortAsyncCall, EndsOnceWhileResultsArrive)
         port.reset();
         EXPECT_EQ(200u, ends.Count());
     }
+}
+
+// ---- beside calls that are waited for ----
+
+TEST_P(CDbusPortAsyncCall, IsSentWholeWhileAnotherThreadWaitsInsideACall)
+{
+    if (GetParam() == EReading::Loop)
+    {
+        GTEST_SKIP();
+    }
+    // The socket does not take it at once, and the call that is waited for ends only behind it.
+    constexpr std::size_t LARGE = 8 * 1024 * 1024;
+    m_serverPort->SetFunctionCallListener([this](CValueList const& call, int, CRpcPort::ReplyFunction const& reply) {
+        if (call.size() == 1)
+        {
+            m_replies.Put(reply);
+            m_arrived.Put(0);
+            return;
+        }
+        reply(listOf(1));
+        m_replies.All().back()(listOf(2));
+    });
+    for (std::size_t round = 1; round <= 10; ++round)
+    {
+        std::size_t const arrived = m_arrived.Count();
+        auto waiting = std::async(std::launch::async, [this] { return intOf(m_port->CallFunction(listOf(1), 0)); });
+        ASSERT_TRUE(m_arrived.WaitForCount(arrived + 1));
+        Start(listOf(std::vector<std::uint8_t>(LARGE), 1));
+
+        ASSERT_TRUE(isReady(waiting, AT_ONCE)) << "in round " << round;
+        EXPECT_EQ(2, waiting.get());
+        ASSERT_TRUE(WaitForEnds(round));
+    }
+}
+
+TEST_P(CDbusPortAsyncCall, LeavesAThreadThatWaitsInsideACallAsleep)
+{
+    if (GetParam() == EReading::Loop)
+    {
+        GTEST_SKIP();
+    }
+    constexpr std::size_t LARGE = 8 * 1024 * 1024;
+    m_serverPort->SetFunctionCallListener([this](CValueList const& call, int, CRpcPort::ReplyFunction const& reply) {
+        if (call.size() == 1)
+        {
+            m_replies.Put(reply);
+            m_arrived.Put(0);
+            return;
+        }
+        reply(listOf(1));
+    });
+    std::size_t const arrived = m_arrived.Count();
+    auto waiting = std::async(std::launch::async, [this] { return intOf(m_port->CallFunction(listOf(1), 0)); });
+    ASSERT_TRUE(m_arrived.WaitForCount(arrived + 1));
+    for (std::size_t i = 1; i <= 5; ++i)
+    {
+        Start(listOf(std::vector<std::uint8_t>(LARGE), 1));
+        ASSERT_TRUE(WaitForEnds(i, AT_ONCE));
+    }
+
+    auto const before = std::clock();
+    EXPECT_FALSE(isReady(waiting, seconds(1)));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 4) << "of processor time in a second";
+    m_replies.All().back()(listOf(2));
+    ASSERT_TRUE(isReady(waiting));
 }
 
 // ---- what a handler may do ----
