@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <ctime>
+#include <fstream>
 #include <optional>
 #include <utility>
 
@@ -82,6 +84,15 @@ struct SEnd
     int value; // -1 without one
     std::thread::id thread;
 };
+
+/// The memory that the process has.
+std::size_t residentBytes()
+{
+    std::size_t total = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
 
 CValueList tooLarge()
 {
@@ -466,6 +477,25 @@ TEST_P(CDbusPortAsyncCall, DropsTheAnswerOfACallThatTimedOut)
     ASSERT_TRUE(WaitForEnds(2));
 
     EXPECT_EQ((std::vector<int>{-1, 5}), Values());
+}
+
+TEST_P(CDbusPortAsyncCall, IsNotKeptAfterItsTimeoutWhileItWaitsBehindOthers)
+{
+    constexpr int CALLS = 150;
+    constexpr std::size_t LARGE = 4 * 1024 * 1024;
+    Keep();
+    StartMany(WINDOW, CCallOptions(INT_MAX));
+    ASSERT_TRUE(WaitForArrivals(WINDOW));
+    std::size_t const before = residentBytes();
+    for (int i = 0; i < CALLS; ++i)
+    {
+        Start(listOfBytes(LARGE), CCallOptions(1));
+        ASSERT_TRUE(WaitForEnds(static_cast<std::size_t>(i) + 1, AT_ONCE));
+    }
+
+    EXPECT_LT(residentBytes(), before + CALLS / 2 * LARGE);
+    AnswerAll();
+    ASSERT_TRUE(WaitForEnds(CALLS + WINDOW));
 }
 
 // ---- failures ----
