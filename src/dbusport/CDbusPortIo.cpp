@@ -19,11 +19,10 @@
 namespace nelo_rpc
 {
 
+thread_local CDbusPort::CIo::CInside const* CDbusPort::CIo::CInside::innermost = nullptr;
+
 namespace
 {
-
-/// The waiting place of the connection that the calling thread is inside.
-thread_local void const* insideOf = nullptr;
 
 /// Without a descriptor the port still works, but waits end only with their time.
 int fdOrError(int fd)
@@ -321,17 +320,24 @@ void CDbusPort::CIo::WaitForKick(int timeoutMs) const
 
 bool CDbusPort::CIo::IsInside() const
 {
-    return insideOf == this;
+    for (CInside const* stay = CInside::innermost; stay != nullptr; stay = stay->m_outer)
+    {
+        if (&stay->m_io == this)
+        {
+            return true;
+        }
+    }
+    return false;
 }
 
-CDbusPort::CIo::CInside::CInside(CIo const& io) : m_outer(insideOf)
+CDbusPort::CIo::CInside::CInside(CIo const& io) : m_io(io), m_outer(innermost)
 {
-    insideOf = &io;
+    innermost = this;
 }
 
 CDbusPort::CIo::CInside::~CInside()
 {
-    insideOf = m_outer;
+    innermost = m_outer;
 }
 
 } // namespace nelo_rpc

@@ -105,7 +105,13 @@ public:
         ~CInside();
 
     private:
-        void const* const m_outer;
+        friend class CIo;
+
+        /// A listener of one port may dispatch another: the calling thread is inside both then.
+        static thread_local CInside const* innermost;
+
+        CIo const& m_io;
+        CInside const* const m_outer;
     };
 
     /// One call and the wait for its answer, on a thread that is not inside the connection.

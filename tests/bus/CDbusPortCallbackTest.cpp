@@ -339,6 +339,21 @@ TEST_F(CDbusPortCallback, MayBeSentByAListenerHoweverMuchOthersSentToTheConnecti
     EXPECT_TRUE(m_sent.All()[1]);
 }
 
+TEST_F(CDbusPortCallback, MayBeSentByAHandlerOfAnotherPortThatAListenerDispatches)
+{
+    CDbusPort other(m_client.c_str(), m_server.c_str(), false);
+    other.GetPollFd();
+    m_port.SetFunctionCallListener([&](CValueList const&, int id, CRpcPort::ReplyFunction const&) {
+        other.CallFunctionAsync(
+            {}, 99, {}, [this, id](nelo_rpc::CCallResult const&) { m_sent.Put(m_port.SendCallback(listOf(55), id)); });
+        other.DispatchCallbacks();
+    });
+    m_peer.Send(rawCall(m_server).get());
+
+    ASSERT_TRUE(m_sent.WaitForCount(1, seconds(10)));
+    EXPECT_TRUE(m_sent.All()[0]);
+}
+
 TEST_F(CDbusPortCallback, GoesOutWithoutWaitingForAPollingPass)
 {
     constexpr int COUNT = 50;
