@@ -253,6 +253,8 @@ void CDbusPort::AddDefaultConnection(std::string const& name)
 bool CDbusPort::IsConnected(int connectionId) const
 {
     CCancellationGuard const guard;
+    internal_guarded::CRun run;
+    run.Enter(m_io->senders);
     std::string name; // empty, and so owned by nobody, if the id was never handed out
     {
         std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);

@@ -451,3 +451,10 @@ TEST_F(CDbusPortCallback, IsWaitedForByThePortsEnd)
     expectEndWaits(std::move(port), "CDbusPort::SendMessage from",
                    [](CDbusPort& sender) { sender.SendCallback(listOf(1), 0); });
 }
+
+TEST_F(CDbusPortCallback, IsWaitedForByThePortsEndAndSoIsAQuestionWhetherAPeerIsConnected)
+{
+    auto port = std::make_unique<CDbusPort>(CPrivateBus::UniqueName().c_str(), true);
+    ASSERT_EQ(0, port->AddConnection(m_peer.GetUniqueName()));
+    expectEndWaits(std::move(port), "CDbusPort::IsConnected returns", [](CDbusPort& asker) { asker.IsConnected(0); });
+}
