@@ -3,6 +3,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 
 namespace nelo_rpc
@@ -83,6 +84,10 @@ void CAsyncCalls::Expire()
             m_awaited.Remove(call->serial);
             End(call, ended);
         }
+        if (!ended.empty())
+        {
+            DropEnded();
+        }
         SendWaiting(ended);
         if (m_timer <= now)
         {
@@ -148,13 +153,20 @@ void CAsyncCalls::End(Call const& call, Ended& ended)
     ended.push_back(call);
 }
 
+void CAsyncCalls::DropEnded()
+{
+    // Those under way may take for ever, and each of those behind them holds on to its message.
+    m_waiting.erase(std::remove_if(m_waiting.begin(), m_waiting.end(), [](Call const& call) { return call->isOver; }),
+                    m_waiting.end());
+}
+
 void CAsyncCalls::SendWaiting(Ended& ended)
 {
     while (!m_waiting.empty() && m_underWay < WINDOW)
     {
         Call const call = std::move(m_waiting.front());
         m_waiting.pop_front();
-        if (!call->isOver && !Send(call))
+        if (!Send(call))
         {
             call->failure = {ECallStatus::Disconnected, "the connection to the bus is closed"};
             End(call, ended);

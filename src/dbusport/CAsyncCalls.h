@@ -78,6 +78,7 @@ private:
 
     void OnAnswer(Call const& call, DBusMessage* answer);
     void End(Call const& call, Ended& ended);
+    void DropEnded();
     void SendWaiting(Ended& ended);
     bool Send(Call const& call);
     void SetTimer();
@@ -91,7 +92,7 @@ private:
     // Guarded by the mutex.
     DBusConnection* m_connection = nullptr; // null while calls are not taken
     std::set<std::pair<Deadline, Call>> m_calls;
-    std::deque<Call> m_waiting; // some of which may be over
+    std::deque<Call> m_waiting;
     std::size_t m_underWay = 0;
     Deadline m_timer = Deadline::max(); // for which the descriptor is set
 };

@@ -253,6 +253,8 @@ void CDbusPort::AddDefaultConnection(std::string const& name)
 bool CDbusPort::IsConnected(int connectionId) const
 {
     CCancellationGuard const guard;
+    internal_guarded::CRun run;
+    run.Enter(m_io->senders);
     std::string name; // empty, and so owned by nobody, if the id was never handed out
     {
         std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
@@ -524,7 +526,7 @@ bool CDbusPort::SendCallback(types::CValueList const& callback, int connectionId
         return false;
     }
     std::size_t const size = m_io->unread.SizeOf(callback);
-    if (HasTooMuchUnread(destination, size))
+    if (HasTooMuchUnread(destination, size, false))
     {
         logError() << "CDbusPort::SendCallback to " << destination << " refused: " << UNREAD;
         return false;
@@ -566,9 +568,9 @@ bool CDbusPort::SendFunctionResult(DBusMessage* call, types::CValueList const& l
     std::size_t const size = m_io->unread.SizeOf(list);
     // Where peers are trusted, a value of a class that cannot be sent is thrown at whoever answers.
     bool const isTrusted = m_options.peers == EPeers::Trusted;
-    std::string const why = HasTooMuchUnread(caller, size) ? UNREAD
-                            : isTrusted                    ? dbus::whyNotSendable(list)
-                                                           : dbus::failureToSendAnything(list).reason;
+    std::string const why = HasTooMuchUnread(caller, size, true) ? UNREAD
+                            : isTrusted                          ? dbus::whyNotSendable(list)
+                                                                 : dbus::failureToSendAnything(list).reason;
     if (!why.empty())
     {
         logError() << "CDbusPort::SendFunctionResult to " << caller << " refused: " << why;

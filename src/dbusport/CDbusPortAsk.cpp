@@ -105,7 +105,10 @@ bool CDbusPort::CIo::CQuestion::IsAnswerNext() const
 
 bool CDbusPort::CIo::CQuestion::IsAnswer(DBusMessage* message) const
 {
-    return dbus_message_get_reply_serial(message) == m_serial;
+    // A peer may put the number into a message of any other type too, and those the bus lets pass unasked.
+    int const type = dbus_message_get_type(message);
+    return (type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR) &&
+           dbus_message_get_reply_serial(message) == m_serial;
 }
 
 void CDbusPort::CIo::CQuestion::HandBack()
@@ -169,7 +172,6 @@ DBusMessage* CDbusPort::CIo::CQuestion::ReadAlone(Deadline deadline) const
     // The thread that read has ended. A synchronous port's send mutex is held, so there is no other.
     do
     {
-        m_io.Drain();
         while (dbus::MessagePointer message{dbus_connection_pop_message(m_connection)})
         {
             if (IsAnswer(message.get()))
@@ -189,7 +191,7 @@ bool CDbusPort::CIo::CQuestion::ReadSome(Deadline deadline) const
     {
         return false;
     }
-    m_io.PollFor(m_connection, leftMs);
+    m_io.PollFor(m_connection, m_reads ? m_io.m_insteadFd : m_io.m_eventFd, leftMs);
     return dbus_connection_read_write(m_connection, 0);
 }
 

@@ -112,7 +112,8 @@ CCallResult CDbusPort::Call(types::CValueList const& call, int connectionId, CCa
         Deadline const deadline = options != nullptr ? deadlineIn(timeoutMs) : Deadline::max();
         std::unique_lock<CTurn> const turn(m_io->callTurn, deadline);
         timeoutMs = deadline == Deadline::max() ? timeoutMs : millisecondsTo(deadline);
-        if (turn.owns_lock() && timeoutMs != 0)
+        // The port's own time-out may be 0: the call is sent, and nobody waits for its answer.
+        if (turn.owns_lock() && (timeoutMs != 0 || options == nullptr))
         {
             std::unique_lock<std::recursive_mutex> lock(m_sendMutex);
             reply.reset(SendAndWait(message.get(), timeoutMs, failure, lock));

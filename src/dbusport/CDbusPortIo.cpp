@@ -19,11 +19,10 @@
 namespace nelo_rpc
 {
 
+thread_local CDbusPort::CIo::CInside const* CDbusPort::CIo::CInside::innermost = nullptr;
+
 namespace
 {
-
-/// The waiting place of the connection that the calling thread is inside.
-thread_local void const* insideOf = nullptr;
 
 /// Without a descriptor the port still works, but waits end only with their time.
 int fdOrError(int fd)
@@ -48,6 +47,13 @@ constexpr int UNWAKEABLE_WAIT_MS = 200;
 /// How often time-outs are looked after while another thread reads and this one cannot wait for the timer.
 constexpr std::chrono::milliseconds TIMER_CHECK(50);
 
+void kick(int eventFd)
+{
+    std::uint64_t const one = 1;
+    // It fails only when it is set already, as often as a 64-bit number can say.
+    [[maybe_unused]] auto const written = ::write(eventFd, &one, sizeof(one));
+}
+
 void addTo(int epollFd, int fd)
 {
     epoll_event event{};
@@ -63,13 +69,14 @@ CDbusPort::CIo::CIo(CDbusPort& port, std::size_t maxUnreadBytes)
       unread(maxUnreadBytes),
       m_port(port),
       m_eventFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
+      m_insteadFd(fdOrError(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       m_epollFd(fdOrError(::epoll_create1(EPOLL_CLOEXEC)))
 {
 }
 
 CDbusPort::CIo::~CIo()
 {
-    for (int const fd : {m_eventFd, m_epollFd, m_fd})
+    for (int const fd : {m_eventFd, m_insteadFd, m_epollFd, m_fd})
     {
         if (fd >= 0)
         {
@@ -120,9 +127,12 @@ void CDbusPort::CIo::Kick() const
 
 void CDbusPort::CIo::Wake() const
 {
-    std::uint64_t const one = 1;
-    // It fails only when it is set already, as often as a 64-bit number can say.
-    [[maybe_unused]] auto const written = ::write(m_eventFd, &one, sizeof(one));
+    kick(m_eventFd);
+    // Whoever begins to read afterwards looks at what is to be sent, and so does the usual thread when it goes on.
+    if (m_isReadInstead)
+    {
+        kick(m_insteadFd);
+    }
 }
 
 void CDbusPort::CIo::SetReader(EReader newReader)
@@ -139,24 +149,23 @@ void CDbusPort::CIo::KickOut()
     m_handedBack.notify_all();
 }
 
-void CDbusPort::CIo::Drain() const
+void CDbusPort::CIo::Drain(int eventFd)
 {
     std::uint64_t kicks = 0;
-    [[maybe_unused]] auto const taken = ::read(m_eventFd, &kicks, sizeof(kicks));
+    [[maybe_unused]] auto const taken = ::read(eventFd, &kicks, sizeof(kicks));
 }
 
-int CDbusPort::CIo::Bounded(int timeoutMs) const
+int CDbusPort::CIo::Bounded(int eventFd, int timeoutMs)
 {
     bool const isTooLong = timeoutMs < 0 || timeoutMs > UNWAKEABLE_WAIT_MS;
-    return m_eventFd < 0 && isTooLong ? UNWAKEABLE_WAIT_MS : timeoutMs;
+    return eventFd < 0 && isTooLong ? UNWAKEABLE_WAIT_MS : timeoutMs;
 }
 
 void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs)
 {
     if (m_epollFd < 0)
     {
-        PollFor(connection, UNWAKEABLE_WAIT_MS);
-        Drain();
+        PollFor(connection, m_eventFd, UNWAKEABLE_WAIT_MS);
         asyncCalls.Expire();
         return;
     }
@@ -176,7 +185,7 @@ void CDbusPort::CIo::Wait(DBusConnection* connection, int timeoutMs)
 CDbusPort::CIo::EEvents CDbusPort::CIo::WaitForEvents(int timeoutMs) const
 {
     epoll_event events[3];
-    int const count = ::epoll_wait(m_epollFd, events, 3, Bounded(timeoutMs));
+    int const count = ::epoll_wait(m_epollFd, events, 3, Bounded(m_eventFd, timeoutMs));
     auto const has = [&](int fd) {
         return std::any_of(events, events + std::max(count, 0),
                            [fd](auto const& event) { return event.data.fd == fd; });
@@ -206,14 +215,15 @@ bool CDbusPort::CIo::IsToEnd() const
     return closing || (reader == EReader::Thread && !delivering);
 }
 
-void CDbusPort::CIo::PollFor(DBusConnection* connection, int timeoutMs) const
+void CDbusPort::CIo::PollFor(DBusConnection* connection, int eventFd, int timeoutMs) const
 {
-    pollfd waited[2] = {{m_eventFd, POLLIN, 0}, {m_fd, POLLIN, 0}};
+    pollfd waited[2] = {{eventFd, POLLIN, 0}, {m_fd, POLLIN, 0}};
     if (dbus_connection_has_messages_to_send(connection))
     {
         waited[1].events |= POLLOUT;
     }
-    ::poll(waited, 2, Bounded(timeoutMs));
+    ::poll(waited, 2, Bounded(eventFd, timeoutMs));
+    Drain(eventFd);
 }
 
 void CDbusPort::CIo::Watch(unsigned int events)
@@ -302,7 +312,7 @@ void CDbusPort::CIo::Flush(DBusConnection* connection, Deadline deadline) const
 void CDbusPort::CIo::WaitForKick(int timeoutMs) const
 {
     pollfd waited{m_eventFd, POLLIN, 0};
-    if (::poll(&waited, 1, Bounded(timeoutMs)) > 0)
+    if (::poll(&waited, 1, Bounded(m_eventFd, timeoutMs)) > 0)
     {
         Drain();
     }
@@ -310,17 +320,24 @@ void CDbusPort::CIo::WaitForKick(int timeoutMs) const
 
 bool CDbusPort::CIo::IsInside() const
 {
-    return insideOf == this;
+    for (CInside const* stay = CInside::innermost; stay != nullptr; stay = stay->m_outer)
+    {
+        if (&stay->m_io == this)
+        {
+            return true;
+        }
+    }
+    return false;
 }
 
-CDbusPort::CIo::CInside::CInside(CIo const& io) : m_outer(insideOf)
+CDbusPort::CIo::CInside::CInside(CIo const& io) : m_io(io), m_outer(innermost)
 {
-    insideOf = &io;
+    innermost = this;
 }
 
 CDbusPort::CIo::CInside::~CInside()
 {
-    insideOf = m_outer;
+    innermost = m_outer;
 }
 
 } // namespace nelo_rpc

@@ -47,8 +47,9 @@ public:
     /// The same, for a thread that is to end and reads nothing more.
     void KickOut();
 
-    /// Takes back what kicks have left. Afterwards the connection must be looked at before it is waited for again.
-    void Drain() const;
+    /// Takes back what kicks of the usual thread have left. Afterwards the connection must be looked at before it is
+    /// waited for again.
+    void Drain() const { Drain(m_eventFd); }
 
     /// Waits until there are bytes to read, room for bytes that wait to be sent, or a kick; -1 ms waits for ever. Does
     /// not return while another thread reads instead, unless the calling one is to end.
@@ -104,7 +105,13 @@ public:
         ~CInside();
 
     private:
-        void const* const m_outer;
+        friend class CIo;
+
+        /// A listener of one port may dispatch another: the calling thread is inside both then.
+        static thread_local CInside const* innermost;
+
+        CIo const& m_io;
+        CInside const* const m_outer;
     };
 
     /// One call and the wait for its answer, on a thread that is not inside the connection.
@@ -152,7 +159,7 @@ public:
     std::atomic<bool> closing{false};
     std::atomic<bool> filtering{false}; // the port's filter is installed
 
-    /// Threads that send what a host's workers and objects give them. One of them may be a worker that its host has
+    /// Threads that send what a host's workers and objects give them, or ask the bus. One of them may be a worker that its host has
     /// cut off and left behind, so the port's end waits for them.
     std::shared_ptr<internal_guarded::CRunners> const senders = std::make_shared<internal_guarded::CRunners>();
 
@@ -173,8 +180,10 @@ public:
     std::set<DBusMessage*> unanswered;
 
 private:
+    static void Drain(int eventFd);
+
     /// Without an eventfd nothing ends a wait before its time, so none is long.
-    int Bounded(int timeoutMs) const;
+    static int Bounded(int eventFd, int timeoutMs);
 
     enum class EEvents
     {
@@ -185,21 +194,22 @@ private:
     EEvents WaitForEvents(int timeoutMs) const;
     void WaitForHandBack();
     void Wake() const;
-    void PollFor(DBusConnection* connection, int timeoutMs) const;
+    void PollFor(DBusConnection* connection, int eventFd, int timeoutMs) const;
     void Watch(unsigned int events);
     bool IsToEnd() const;
 
     CDbusPort& m_port;
     int m_eventFd;
-    int m_epollFd; // of m_eventFd and the connection; -1 if the system gives none
-    int m_fd = -1; // of the connection's socket; not the one that libdbus closes
+    int m_insteadFd; // the eventfd of whoever reads instead: two threads cannot both take back one kick
+    int m_epollFd;   // of m_eventFd and the connection; -1 if the system gives none
+    int m_fd = -1;   // of the connection's socket; not the one that libdbus closes
 
     std::condition_variable m_handedBack;
 
     // Guarded by the mutex.
-    unsigned int m_watched = 0; // what of the connection ends a wait, as epoll names it
-    bool m_isInWait = false;    // and nobody has ended the wait
-    bool m_isReadInstead = false;
+    unsigned int m_watched = 0;               // what of the connection ends a wait, as epoll names it
+    bool m_isInWait = false;                  // and nobody has ended the wait
+    std::atomic<bool> m_isReadInstead{false}; // read by kicks without the mutex
 };
 
 } // namespace nelo_rpc

@@ -1,5 +1,9 @@
 #include "CSideConnection.h"
 
+#include "DbusPointers.h"
+
+#include <limits>
+
 namespace nelo_rpc
 {
 
@@ -11,7 +15,20 @@ CSideConnection::~CSideConnection()
 DBusMessage* CSideConnection::Ask(DBusMessage* question, int timeoutMs)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
-    return Open() ? dbus_connection_send_with_reply_and_block(m_connection, question, timeoutMs, nullptr) : nullptr;
+    if (!Open())
+    {
+        return nullptr;
+    }
+    DBusMessage* const answer = dbus_connection_send_with_reply_and_block(m_connection, question, timeoutMs, nullptr);
+    DropOthers();
+    return answer;
+}
+
+void CSideConnection::DropOthers()
+{
+    while (dbus::MessagePointer const message{dbus_connection_pop_message(m_connection)})
+    {
+    }
 }
 
 bool CSideConnection::Open()
@@ -29,6 +46,8 @@ bool CSideConnection::Open()
         return false;
     }
     dbus_connection_set_exit_on_disconnect(m_connection, FALSE);
+    // At its default limit the bus library would stop reading, the answer included.
+    dbus_connection_set_max_received_size(m_connection, std::numeric_limits<long>::max());
     return true;
 }
 

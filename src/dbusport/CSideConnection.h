@@ -22,6 +22,10 @@ public:
 
 private:
     bool Open();
+
+    /// Any peer may send messages here. Nobody wants them, and they would pile up.
+    void DropOthers();
+
     void Close();
 
     std::mutex m_mutex;

@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
+#include <ctime>
+#include <fstream>
 #include <optional>
 #include <utility>
 
@@ -81,6 +84,15 @@ struct SEnd
     int value; // -1 without one
     std::thread::id thread;
 };
+
+/// The memory that the process has.
+std::size_t residentBytes()
+{
+    std::size_t total = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
 
 CValueList tooLarge()
 {
@@ -467,6 +479,25 @@ TEST_P(CDbusPortAsyncCall, DropsTheAnswerOfACallThatTimedOut)
     EXPECT_EQ((std::vector<int>{-1, 5}), Values());
 }
 
+TEST_P(CDbusPortAsyncCall, IsNotKeptAfterItsTimeoutWhileItWaitsBehindOthers)
+{
+    constexpr int CALLS = 150;
+    constexpr std::size_t LARGE = 4 * 1024 * 1024;
+    Keep();
+    StartMany(WINDOW, CCallOptions(INT_MAX));
+    ASSERT_TRUE(WaitForArrivals(WINDOW));
+    std::size_t const before = residentBytes();
+    for (int i = 0; i < CALLS; ++i)
+    {
+        Start(listOfBytes(LARGE), CCallOptions(1));
+        ASSERT_TRUE(WaitForEnds(static_cast<std::size_t>(i) + 1, AT_ONCE));
+    }
+
+    EXPECT_LT(residentBytes(), before + CALLS / 2 * LARGE);
+    AnswerAll();
+    ASSERT_TRUE(WaitForEnds(CALLS + WINDOW));
+}
+
 // ---- failures ----
 
 TEST_P(CDbusPortAsyncCall, SaysThatThereIsNoServer)
@@ -610,6 +641,71 @@ TEST_P(CDbusPortAsyncCall, EndsOnceWhileResultsArrive)
         port.reset();
         EXPECT_EQ(200u, ends.Count());
     }
+}
+
+// ---- beside calls that are waited for ----
+
+TEST_P(CDbusPortAsyncCall, IsSentWholeWhileAnotherThreadWaitsInsideACall)
+{
+    if (GetParam() == EReading::Loop)
+    {
+        GTEST_SKIP();
+    }
+    // The socket does not take it at once, and the call that is waited for ends only behind it.
+    constexpr std::size_t LARGE = 8 * 1024 * 1024;
+    m_serverPort->SetFunctionCallListener([this](CValueList const& call, int, CRpcPort::ReplyFunction const& reply) {
+        if (call.size() == 1)
+        {
+            m_replies.Put(reply);
+            m_arrived.Put(0);
+            return;
+        }
+        reply(listOf(1));
+        m_replies.All().back()(listOf(2));
+    });
+    for (std::size_t round = 1; round <= 10; ++round)
+    {
+        std::size_t const arrived = m_arrived.Count();
+        auto waiting = std::async(std::launch::async, [this] { return intOf(m_port->CallFunction(listOf(1), 0)); });
+        ASSERT_TRUE(m_arrived.WaitForCount(arrived + 1));
+        Start(listOf(std::vector<std::uint8_t>(LARGE), 1));
+
+        ASSERT_TRUE(isReady(waiting, AT_ONCE)) << "in round " << round;
+        EXPECT_EQ(2, waiting.get());
+        ASSERT_TRUE(WaitForEnds(round));
+    }
+}
+
+TEST_P(CDbusPortAsyncCall, LeavesAThreadThatWaitsInsideACallAsleep)
+{
+    if (GetParam() == EReading::Loop)
+    {
+        GTEST_SKIP();
+    }
+    constexpr std::size_t LARGE = 8 * 1024 * 1024;
+    m_serverPort->SetFunctionCallListener([this](CValueList const& call, int, CRpcPort::ReplyFunction const& reply) {
+        if (call.size() == 1)
+        {
+            m_replies.Put(reply);
+            m_arrived.Put(0);
+            return;
+        }
+        reply(listOf(1));
+    });
+    std::size_t const arrived = m_arrived.Count();
+    auto waiting = std::async(std::launch::async, [this] { return intOf(m_port->CallFunction(listOf(1), 0)); });
+    ASSERT_TRUE(m_arrived.WaitForCount(arrived + 1));
+    for (std::size_t i = 1; i <= 5; ++i)
+    {
+        Start(listOf(std::vector<std::uint8_t>(LARGE), 1));
+        ASSERT_TRUE(WaitForEnds(i, AT_ONCE));
+    }
+
+    auto const before = std::clock();
+    EXPECT_FALSE(isReady(waiting, seconds(1)));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 4) << "of processor time in a second";
+    m_replies.All().back()(listOf(2));
+    ASSERT_TRUE(isReady(waiting));
 }
 
 // ---- what a handler may do ----

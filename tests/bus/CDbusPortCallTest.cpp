@@ -138,9 +138,10 @@ TEST_F(CDbusPortCall, EndsAtItsTimeout)
     expectNoReplyLines(log);
 }
 
-TEST_F(CDbusPortCall, WithATimeoutOfZeroFailsAtOnceWithoutAReply)
+TEST_F(CDbusPortCall, WithATimeoutOfZeroIsSentAndFailsAtOnceWithoutAReply)
 {
-    CRawServer const server(m_server, [](CRawPeer&, MessagePtr const&) {});
+    CGate called;
+    CRawServer const server(m_server, [&](CRawPeer&, MessagePtr const&) { called.Open(); });
     CLogCapture log;
     m_port.SetTimeoutMs(0);
 
@@ -148,6 +149,7 @@ TEST_F(CDbusPortCall, WithATimeoutOfZeroFailsAtOnceWithoutAReply)
     EXPECT_TRUE(m_port.CallFunction(listOf(1), 0).empty());
     EXPECT_LT(since(start), seconds(5));
     expectNoReplyLines(log);
+    EXPECT_TRUE(called.Wait());
 }
 
 class CDbusPortTimeoutBelowMinusOne : public CDbusPortCall, public ::testing::WithParamInterface<int>

@@ -3,9 +3,12 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
+#include <iterator>
 #include <map>
+#include <set>
 #include <typeinfo>
 
 // An answer that is there before its question is known comes about once in many thousand times. Here it always does when
@@ -33,6 +36,23 @@ extern "C" dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMess
 namespace
 {
 
+std::set<std::string> namesOnTheBus(CRawPeer& peer)
+{
+    MessagePtr const question(
+        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "ListNames"));
+    MessagePtr const answer = peer.Call(question.get());
+    char** names = nullptr;
+    int count = 0;
+    if (answer == nullptr || !dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &names,
+                                                    &count, DBUS_TYPE_INVALID))
+    {
+        return {};
+    }
+    std::set<std::string> const all(names, names + count);
+    dbus_free_string_array(names);
+    return all;
+}
+
 /// A server's port that knows one raw peer, under the id 0.
 class CDbusPortCallback : public CBusTest
 {
@@ -46,10 +66,38 @@ protected:
     }
 
     CRawPeer m_peer;
+    CInbox<bool> m_sent;
     CDbusPort m_port{m_server.c_str(), true};
 };
 
 using CDbusPortCallbackDeathTest = CDbusPortCallback;
+
+/// Whether the end of a port waits for an operation that has come to a line of its log.
+void expectEndWaits(std::unique_ptr<CDbusPort> port, char const* line, std::function<void(CDbusPort&)> const& operation)
+{
+    CGate stalled;
+    CGate release;
+    nelo_rpc::log::SetSink([&](ELevel, std::string const& text) {
+        if (text.find(line) != std::string::npos)
+        {
+            stalled.Open();
+            release.Wait();
+        }
+    });
+    auto const running = std::async(std::launch::async, [&operation, &port = *port] { operation(port); });
+    ASSERT_TRUE(stalled.Wait());
+    CGate destroyed;
+    std::thread owner([&] {
+        port.reset();
+        destroyed.Open();
+    });
+
+    EXPECT_TRUE(destroyed.StaysShut(milliseconds(500))) << "longer than a receiver takes to end";
+    release.Open();
+    EXPECT_TRUE(destroyed.Wait());
+    owner.join();
+    installStderrSink();
+}
 
 } // namespace
 
@@ -267,6 +315,45 @@ TEST_F(CDbusPortCallback, MayBeSentByAListener)
     EXPECT_NE(nullptr, m_peer.Receive(DBUS_MESSAGE_TYPE_METHOD_RETURN));
 }
 
+TEST_F(CDbusPortCallback, MayBeSentByAListenerHoweverMuchOthersSentToTheConnectionThatItAsksOn)
+{
+    m_port.SetFunctionCallListener([&](CValueList const&, int id, CRpcPort::ReplyFunction const&) {
+        m_sent.Put(m_port.SendCallback(listOf(55), id));
+    });
+    auto const before = namesOnTheBus(m_peer);
+    m_peer.Send(rawCall(m_server).get());
+    ASSERT_TRUE(m_sent.WaitForCount(1));
+    std::vector<std::string> opened;
+    auto const after = namesOnTheBus(m_peer);
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(opened));
+    ASSERT_EQ(1u, opened.size());
+    for (int i = 0; i < 70; ++i) // the bus library stops reading at 63 MiB
+    {
+        MessagePtr const signal = rawSignal(opened[0]);
+        putBytes(signal.get(), 0, std::vector<unsigned char>(1024 * 1024), 0);
+        m_peer.Send(signal.get());
+    }
+    m_peer.Send(rawCall(m_server).get());
+
+    ASSERT_TRUE(m_sent.WaitForCount(2, seconds(15)));
+    EXPECT_TRUE(m_sent.All()[1]);
+}
+
+TEST_F(CDbusPortCallback, MayBeSentByAHandlerOfAnotherPortThatAListenerDispatches)
+{
+    CDbusPort other(m_client.c_str(), m_server.c_str(), false);
+    other.GetPollFd();
+    m_port.SetFunctionCallListener([&](CValueList const&, int id, CRpcPort::ReplyFunction const&) {
+        other.CallFunctionAsync(
+            {}, 99, {}, [this, id](nelo_rpc::CCallResult const&) { m_sent.Put(m_port.SendCallback(listOf(55), id)); });
+        other.DispatchCallbacks();
+    });
+    m_peer.Send(rawCall(m_server).get());
+
+    ASSERT_TRUE(m_sent.WaitForCount(1, seconds(10)));
+    EXPECT_TRUE(m_sent.All()[0]);
+}
+
 TEST_F(CDbusPortCallback, GoesOutWithoutWaitingForAPollingPass)
 {
     constexpr int COUNT = 50;
@@ -361,26 +448,13 @@ TEST_F(CDbusPortCallback, IsWaitedForByThePortsEnd)
     // Its sender may be a worker that its host has cut off and left behind.
     auto port = std::make_unique<CDbusPort>(CPrivateBus::UniqueName().c_str(), true);
     ASSERT_EQ(0, port->AddConnection(m_peer.GetUniqueName()));
-    CGate stalled;
-    CGate release;
-    nelo_rpc::log::SetSink([&](ELevel, std::string const& line) {
-        if (line.find("CDbusPort::SendMessage from") != std::string::npos)
-        {
-            stalled.Open();
-            release.Wait();
-        }
-    });
-    auto const sent = std::async(std::launch::async, [&] { return port->SendCallback(listOf(1), 0); });
-    ASSERT_TRUE(stalled.Wait());
-    CGate destroyed;
-    std::thread owner([&] {
-        port.reset();
-        destroyed.Open();
-    });
+    expectEndWaits(std::move(port), "CDbusPort::SendMessage from",
+                   [](CDbusPort& sender) { sender.SendCallback(listOf(1), 0); });
+}
 
-    EXPECT_TRUE(destroyed.StaysShut(milliseconds(500))) << "longer than a receiver takes to end";
-    release.Open();
-    EXPECT_TRUE(destroyed.Wait());
-    owner.join();
-    installStderrSink();
+TEST_F(CDbusPortCallback, IsWaitedForByThePortsEndAndSoIsAQuestionWhetherAPeerIsConnected)
+{
+    auto port = std::make_unique<CDbusPort>(CPrivateBus::UniqueName().c_str(), true);
+    ASSERT_EQ(0, port->AddConnection(m_peer.GetUniqueName()));
+    expectEndWaits(std::move(port), "CDbusPort::IsConnected returns", [](CDbusPort& asker) { asker.IsConnected(0); });
 }

@@ -193,6 +193,29 @@ TEST_F(CDbusPortUnread, LimitLetsOneLargeValuePassIfThereIsRoom)
     EXPECT_TRUE(eventually([&] { return client->Received() == 2; }));
 }
 
+TEST_F(CDbusPortUnread, LimitEndsForAPeerThatReadsAlsoIfItCouldNotBePingedAtFirst)
+{
+    constexpr int SLUGGARDS = 100; // no more pings are open at a time
+    std::string const name = CPrivateBus::UniqueName();
+    CDbusPort port(name.c_str(), true, Limited(96 * MIB));
+    std::vector<std::unique_ptr<CRawPeer>> sluggards;
+    for (int i = 0; i < SLUGGARDS; ++i)
+    {
+        sluggards.push_back(std::make_unique<CRawPeer>());
+        ASSERT_TRUE(port.SendCallback(listOfBytes(128 * 1024), port.AddConnection(sluggards.back()->GetUniqueName())));
+    }
+    CRawPeer peer;
+    int const id = port.AddConnection(peer.GetUniqueName());
+    ASSERT_TRUE(port.SendCallback(listOfBytes(30 * MIB), id));
+    ASSERT_FALSE(port.SendCallback(listOf(1), id));
+    sluggards.clear();
+
+    EXPECT_TRUE(eventually([&] {
+        peer.Receive(DBUS_MESSAGE_TYPE_SIGNAL, milliseconds(10));
+        return port.SendCallback(listOf(1), id);
+    }));
+}
+
 TEST_F(CDbusPortUnread, LimitMakesResultsErrors)
 {
     m_port.SetFunctionCallListener(

@@ -52,9 +52,9 @@ struct NELO_RPC_API SPortOptions
 
     /// How many bytes an asynchronous port may have sent that its peers have not read. The bus keeps those, and stops
     /// reading from a port that has too many there (127 MiB on a stock system bus): then nobody is answered any more.
-    /// Each peer may have a quarter of what the others leave of the limit, and at least 64 KiB; one that has less than that
-    /// unread may be sent a value of any size that the limit has room for. Beyond it callbacks to that peer fail, with an error line, and a result becomes an error reply.
-    /// 0: no limit.
+    /// Each peer may have a quarter of what the others leave of the limit, and at least 64 KiB; one that has less than
+    /// that unread may be sent a value of any size that the limit has room for. Beyond it callbacks to that peer fail,
+    /// with an error line. Results may take half of what is left; beyond that they become error replies. 0: no limit.
     ///
     /// What has been read is known from pings, one for each 64 KiB, which D-Bus libraries answer by themselves. The policy
     /// of the bus must let the port send them; otherwise nothing is limited, and an error line says so.
@@ -216,7 +216,7 @@ private:
     bool IsThere(std::string const& name, bool& lost) const;
     bool MayRemember(std::string const& name) const;
     bool HasTooMuchToSend() const;
-    bool HasTooMuchUnread(std::string const& destination, std::size_t size) const;
+    bool HasTooMuchUnread(std::string const& destination, std::size_t size, bool isResult);
     bool SendCounted(DBusMessage* message, std::string const& destination, std::size_t size);
     void Ping(std::string const& name);
     void HandlePong(std::string const& name, DBusMessage* answer);
