@@ -21,9 +21,10 @@ dbus_uint32_t newSecretSerial()
 
 } // namespace
 
-bool CDbusPort::HasTooMuchUnread(std::string const& destination, std::size_t size)
+bool CDbusPort::HasTooMuchUnread(std::string const& destination, std::size_t size, bool isResult)
 {
-    if (!m_io->mayPing || m_io->unread.MayAdd(destination, size))
+    auto const message = isResult ? CUnread::EMessage::Result : CUnread::EMessage::Callback;
+    if (!m_io->mayPing || m_io->unread.MayAdd(destination, size, message))
     {
         return false;
     }

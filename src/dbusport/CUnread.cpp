@@ -17,7 +17,8 @@ constexpr std::size_t PING_AFTER = 64 * 1024;
 constexpr int MAX_OPEN_PINGS = 100;
 
 /// How often what is left of the limit is more than what one peer may have.
-constexpr std::size_t SHARE = 4;
+constexpr std::size_t SHARE_OF_CALLBACKS = 4;
+constexpr std::size_t SHARE_OF_ALL = 2;
 
 constexpr std::size_t HEADER_SIZE = 128;
 constexpr std::size_t ENTRY_SIZE = 16;
@@ -26,7 +27,7 @@ constexpr std::size_t ENTRY_SIZE = 16;
 
 CUnread::CUnread(std::size_t limit) : m_limit(limit) {}
 
-bool CUnread::MayAdd(std::string const& name, std::size_t size) const
+bool CUnread::MayAdd(std::string const& name, std::size_t size, EMessage message) const
 {
     if (!IsLimited())
     {
@@ -40,7 +41,9 @@ bool CUnread::MayAdd(std::string const& name, std::size_t size) const
     {
         return true;
     }
-    return unread + size <= std::max(left / SHARE, PING_AFTER);
+    bool const isResult = message == EMessage::Result;
+    std::size_t const share = left / (isResult ? SHARE_OF_ALL : SHARE_OF_CALLBACKS);
+    return unread + size <= std::max(share, isResult ? 2 * PING_AFTER : PING_AFTER);
 }
 
 bool CUnread::Add(std::string const& name, std::size_t size)

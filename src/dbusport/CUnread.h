@@ -23,8 +23,14 @@ public:
 
     bool IsLimited() const { return m_limit != 0; }
 
+    enum class EMessage
+    {
+        Callback,
+        Result // for which there is room however many callbacks the peer leaves unread
+    };
+
     /// Whether a peer may be sent so many bytes more.
-    bool MayAdd(std::string const& name, std::size_t size) const;
+    bool MayAdd(std::string const& name, std::size_t size, EMessage message) const;
 
     /// @return whether the peer is to be pinged: its answer tells that it has read all that was added before.
     bool Add(std::string const& name, std::size_t size);

@@ -216,6 +216,20 @@ TEST_F(CDbusPortUnread, LimitEndsForAPeerThatReadsAlsoIfItCouldNotBePingedAtFirs
     }));
 }
 
+TEST_F(CDbusPortUnread, LimitLeavesRoomForResultsHoweverManyCallbacksAreUnread)
+{
+    CRawPeer peer;
+    ASSERT_NE(nullptr, peer.Call(rawCall(m_server).get()));
+    EXPECT_LT(Fill(0, 1000), 1000);
+    while (m_port.SendCallback(listOf(1), 0))
+    {
+    }
+
+    MessagePtr const answer = peer.Call(rawCall(m_server).get());
+    ASSERT_NE(nullptr, answer);
+    EXPECT_EQ(DBUS_MESSAGE_TYPE_METHOD_RETURN, dbus_message_get_type(answer.get()));
+}
+
 TEST_F(CDbusPortUnread, LimitMakesResultsErrors)
 {
     m_port.SetFunctionCallListener(
