@@ -7,9 +7,17 @@
 namespace nelo_rpc
 {
 
-bool CDbusPort::HasTooMuchUnread(std::string const& destination, std::size_t size) const
+bool CDbusPort::HasTooMuchUnread(std::string const& destination, std::size_t size)
 {
-    return m_io->mayPing && !m_io->unread.MayAdd(destination, size);
+    if (!m_io->mayPing || m_io->unread.MayAdd(destination, size))
+    {
+        return false;
+    }
+    if (m_io->unread.Retry(destination))
+    {
+        Ping(destination);
+    }
+    return true;
 }
 
 bool CDbusPort::SendCounted(DBusMessage* message, std::string const& destination, std::size_t size)

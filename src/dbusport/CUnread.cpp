@@ -57,6 +57,13 @@ bool CUnread::Add(std::string const& name, std::size_t size)
     return StartPing(peer);
 }
 
+bool CUnread::Retry(std::string const& name)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const peer = m_peers.find(name);
+    return peer != m_peers.end() && StartPing(peer->second);
+}
+
 bool CUnread::EndPing(std::string const& name, EPing ping)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);

@@ -29,6 +29,10 @@ public:
     /// @return whether the peer is to be pinged: its answer tells that it has read all that was added before.
     bool Add(std::string const& name, std::size_t size);
 
+    /// Whether a peer that may not be sent more is to be pinged: the last ping was lost, or too many others were open
+    /// when it was due, and nothing that is sent leads to another one.
+    bool Retry(std::string const& name);
+
     /// What has become of a ping.
     enum class EPing
     {

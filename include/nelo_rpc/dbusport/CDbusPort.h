@@ -216,7 +216,7 @@ private:
     bool IsThere(std::string const& name, bool& lost) const;
     bool MayRemember(std::string const& name) const;
     bool HasTooMuchToSend() const;
-    bool HasTooMuchUnread(std::string const& destination, std::size_t size) const;
+    bool HasTooMuchUnread(std::string const& destination, std::size_t size);
     bool SendCounted(DBusMessage* message, std::string const& destination, std::size_t size);
     void Ping(std::string const& name);
     void HandlePong(std::string const& name, DBusMessage* answer);
