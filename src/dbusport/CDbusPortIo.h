@@ -179,8 +179,8 @@ public:
     std::atomic<bool> closing{false};
     std::atomic<bool> filtering{false}; // the port's filter is installed
 
-    /// Threads that send what a host's workers and objects give them, or ask the bus. One of them may be a worker that its host has
-    /// cut off and left behind, so the port's end waits for them.
+    /// Threads that send what a host's workers and objects give them, or ask the bus. One of them may be a worker that
+    /// its host has cut off and left behind, so the port's end waits for them.
     std::shared_ptr<internal_guarded::CRunners> const senders = std::make_shared<internal_guarded::CRunners>();
 
     CAwaitedReplies awaited;
