@@ -697,11 +697,14 @@ bool CDbusPort::DispatchSome()
     CIo::CInside const inside(*m_io);
     for (int passes = 0; passes < DISPATCH_LIMIT; ++passes)
     {
-        if (!dbus_connection_read_write_dispatch(m_connection, 0) ||
-            dbus_connection_get_dispatch_status(m_connection) != DBUS_DISPATCH_DATA_REMAINS)
+        dbus_connection_read_write(m_connection, 0);
+        m_io->KickInstead(); // an answer may be behind what is handled now
+        dbus::MessagePointer const message = m_io->TakeNext(m_connection);
+        if (message == nullptr)
         {
             return true;
         }
+        m_io->Dispatch(m_connection, message.get());
     }
     return false;
 }

@@ -32,7 +32,12 @@ DBusHandlerResult CDbusPort::CIo::OnMessage(DBusConnection* connection, DBusMess
 CDbusPort::CIo::CQuestion::CQuestion(CIo& io, DBusConnection* connection) : m_io(io), m_connection(connection)
 {
     std::lock_guard<std::mutex> const lock(m_io.mutex);
-    if (m_io.m_isInWait && !m_io.m_isReadInstead)
+    m_isBesideLoop = m_io.reader == EReader::Loop;
+    if (m_isBesideLoop)
+    {
+        m_io.m_isReadInstead = true;
+    }
+    else if (m_io.m_isInWait && !m_io.m_isReadInstead)
     {
         m_reads = true;
         m_io.m_isReadInstead = true;
@@ -44,6 +49,7 @@ CDbusPort::CIo::CQuestion::CQuestion(CIo& io, DBusConnection* connection) : m_io
 CDbusPort::CIo::CQuestion::~CQuestion()
 {
     HandBack();
+    LeaveToLoop();
 }
 
 bool CDbusPort::CIo::CQuestion::Send(DBusMessage* call)
@@ -76,7 +82,7 @@ DBusMessage* CDbusPort::CIo::CQuestion::Wait(Deadline deadline)
         m_io.awaited.Add(m_serial, FillIn());
         HandBack();
     }
-    return WaitForAnswer(deadline);
+    return m_isBesideLoop ? ReadBesideLoop(deadline) : WaitForAnswer(deadline);
 }
 
 DBusMessage* CDbusPort::CIo::CQuestion::ReadAnswer(Deadline deadline) const
@@ -119,9 +125,7 @@ void CDbusPort::CIo::CQuestion::HandBack()
     }
     m_reads = false;
     m_inside.reset();
-    bool const leavesSomething = dbus_connection_get_dispatch_status(m_connection) != DBUS_DISPATCH_COMPLETE ||
-                                 dbus_connection_has_messages_to_send(m_connection) ||
-                                 !dbus_connection_get_is_connected(m_connection);
+    bool const leavesSomething = LeavesSomething();
     {
         std::lock_guard<std::mutex> const lock(m_io.mutex);
         m_io.m_isReadInstead = false;
@@ -135,6 +139,12 @@ void CDbusPort::CIo::CQuestion::HandBack()
     }
 }
 
+bool CDbusPort::CIo::CQuestion::LeavesSomething() const
+{
+    return dbus_connection_get_dispatch_status(m_connection) != DBUS_DISPATCH_COMPLETE ||
+           dbus_connection_has_messages_to_send(m_connection) || !dbus_connection_get_is_connected(m_connection);
+}
+
 CAwaitedReplies::Done CDbusPort::CIo::CQuestion::FillIn() const
 {
     return [&io = m_io, answer = m_answer](DBusMessage* message) {
@@ -142,6 +152,7 @@ CAwaitedReplies::Done CDbusPort::CIo::CQuestion::FillIn() const
         answer->message.reset(message != nullptr ? dbus_message_ref(message) : nullptr);
         answer->isOver = true;
         io.changed.notify_all();
+        io.KickInstead(); // of a thread that reads beside the loop that is here
     };
 }
 
@@ -184,6 +195,51 @@ DBusMessage* CDbusPort::CIo::CQuestion::ReadAlone(Deadline deadline) const
     return nullptr;
 }
 
+DBusMessage* CDbusPort::CIo::CQuestion::ReadBesideLoop(Deadline deadline) const
+{
+    dbus::MessagePointer answer = SetOthersAside();
+    while (answer == nullptr && ReadSome(deadline))
+    {
+        answer = SetOthersAside();
+    }
+    m_io.awaited.Remove(m_serial);
+    return answer.release();
+}
+
+dbus::MessagePointer CDbusPort::CIo::CQuestion::SetOthersAside() const
+{
+    std::lock_guard<std::mutex> const lock(m_io.mutex);
+    while (m_answer->message == nullptr) // which the loop may have taken
+    {
+        dbus::MessagePointer message(dbus_connection_pop_message(m_connection));
+        if (message == nullptr || IsAnswer(message.get()))
+        {
+            return message;
+        }
+        m_io.m_setAside.push_back(std::move(message));
+        m_io.Kick();
+    }
+    return std::move(m_answer->message);
+}
+
+void CDbusPort::CIo::CQuestion::LeaveToLoop() const
+{
+    if (!m_isBesideLoop)
+    {
+        return;
+    }
+    m_io.m_isReadInstead = false;
+    bool leavesSomething = LeavesSomething();
+    {
+        std::lock_guard<std::mutex> const lock(m_io.mutex);
+        leavesSomething = leavesSomething || !m_io.m_setAside.empty();
+    }
+    if (leavesSomething)
+    {
+        m_io.Kick();
+    }
+}
+
 bool CDbusPort::CIo::CQuestion::ReadSome(Deadline deadline) const
 {
     int const leftMs = millisecondsTo(deadline);
@@ -191,7 +247,7 @@ bool CDbusPort::CIo::CQuestion::ReadSome(Deadline deadline) const
     {
         return false;
     }
-    m_io.PollFor(m_connection, m_reads ? m_io.m_insteadFd : m_io.m_eventFd, leftMs);
+    m_io.PollFor(m_connection, m_reads || m_isBesideLoop ? m_io.m_insteadFd : m_io.m_eventFd, leftMs);
     return dbus_connection_read_write(m_connection, 0);
 }
 

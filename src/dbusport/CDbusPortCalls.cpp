@@ -138,15 +138,11 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, SCallFa
 {
     bool const isReceived = m_bUseAsync && m_io->filtering;
     dbus::CError error;
-    if (!isReceived && !IsReadBy(EReader::Thread))
+    if (!isReceived && IsReadBy(EReader::Nobody))
     {
         DBusMessage* const reply =
             dbus_connection_send_with_reply_and_block(m_connection, message, timeoutMs, error.Get());
         failure = error.IsSet() ? dbus::failureOf(*error.Get()) : SCallFailure();
-        if (dbus_connection_has_messages_to_send(m_connection))
-        {
-            m_io->Kick(); // of a thread that could not send while this one was in there
-        }
         return reply;
     }
     bool const isConnected = dbus_connection_get_is_connected(m_connection);
@@ -157,7 +153,7 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, SCallFa
         return m_io->side.Ask(message, timeoutMs);        // nobody takes the answer while this thread waits
     }
     dbus::MessagePointer reply;
-    if (isConnected && !m_io->IsInside())
+    if (isConnected && (!m_io->IsInside() || IsReadBy(EReader::Loop)))
     {
         CIo::CQuestion question(*m_io, m_connection);
         bool const sent = question.Send(message);

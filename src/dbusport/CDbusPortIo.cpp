@@ -128,6 +128,11 @@ void CDbusPort::CIo::Kick() const
 void CDbusPort::CIo::Wake() const
 {
     kick(m_eventFd);
+    KickInstead();
+}
+
+void CDbusPort::CIo::KickInstead() const
+{
     // Whoever begins to read afterwards looks at what is to be sent, and so does the usual thread when it goes on.
     if (m_isReadInstead)
     {
@@ -238,12 +243,45 @@ void CDbusPort::CIo::Watch(unsigned int events)
     }
 }
 
+bool CDbusPort::CIo::AnswerPing(DBusConnection* connection, DBusMessage* message)
+{
+    if (!dbus_message_is_method_call(message, DBUS_INTERFACE_PEER, "Ping") || dbus_message_get_no_reply(message))
+    {
+        return false;
+    }
+    dbus::MessagePointer const answer(dbus_message_new_method_return(message));
+    dbus_connection_send(connection, answer.get(), nullptr);
+    return true;
+}
+
+dbus::MessagePointer CDbusPort::CIo::TakeNext(DBusConnection* connection)
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (m_setAside.empty())
+    {
+        return dbus::MessagePointer(dbus_connection_pop_message(connection));
+    }
+    dbus::MessagePointer next = std::move(m_setAside.front());
+    m_setAside.pop_front();
+    return next;
+}
+
+void CDbusPort::CIo::Dispatch(DBusConnection* connection, DBusMessage* message)
+{
+    if (AnswerPing(connection, message) || OnMessage(connection, message, &m_port) == DBUS_HANDLER_RESULT_HANDLED ||
+        dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL || dbus_message_get_no_reply(message))
+    {
+        return;
+    }
+    dbus::MessagePointer const answer(
+        dbus_message_new_error(message, DBUS_ERROR_UNKNOWN_METHOD, "there is no such method here"));
+    dbus_connection_send(connection, answer.get(), nullptr);
+}
+
 void CDbusPort::CIo::Drop(DBusConnection* connection, DBusMessage* message)
 {
-    if (dbus_message_is_method_call(message, DBUS_INTERFACE_PEER, "Ping") && !dbus_message_get_no_reply(message))
+    if (AnswerPing(connection, message))
     {
-        dbus::MessagePointer const answer(dbus_message_new_method_return(message));
-        dbus_connection_send(connection, answer.get(), nullptr);
         return;
     }
     logDebug() << "CDbusPort::SendMessage dropped a message from " << types::toString(dbus_message_get_sender(message))

@@ -9,6 +9,7 @@
 #include "CSideConnection.h"
 #include "CTurn.h"
 #include "CUnread.h"
+#include "DbusPointers.h"
 #include "Deadline.h"
 
 #include <dbus/dbus.h>
@@ -68,6 +69,17 @@ public:
     /// Throws a message away that nobody is going to dispatch. A ping is answered: it tells what was read.
     static void Drop(DBusConnection* connection, DBusMessage* message);
 
+    /// The next message for an application's loop: what calls have set aside, and then what has arrived. Null if there
+    /// is none.
+    dbus::MessagePointer TakeNext(DBusConnection* connection);
+
+    /// Does about a message what libdbus would when it dispatches, which it must not: nobody can take a message from
+    /// its queue meanwhile.
+    void Dispatch(DBusConnection* connection, DBusMessage* message);
+
+    /// Ends the wait of the thread that reads instead of the usual one, or beside a loop.
+    void KickInstead() const;
+
     /// What the delivery's thread for handlers or an application's loop is to run: a callback, or the end of a call.
     struct SDelivery
     {
@@ -118,6 +130,9 @@ public:
     ///
     /// If the thread that usually reads is in Wait(), the calling one reads in its place for as long as this lives, and
     /// that one does not even wake up: an answer that goes through it takes two switches between threads more.
+    ///
+    /// Beside an application's loop it always reads, since the loop may be its own thread's, or busy. What it is not
+    /// waiting for is set aside.
     class CQuestion
     {
     public:
@@ -142,6 +157,10 @@ public:
         CAwaitedReplies::Done FillIn() const;
         DBusMessage* WaitForAnswer(Deadline deadline) const;
         DBusMessage* ReadAlone(Deadline deadline) const;
+        DBusMessage* ReadBesideLoop(Deadline deadline) const;
+        dbus::MessagePointer SetOthersAside() const;
+        void LeaveToLoop() const;
+        bool LeavesSomething() const;
 
         /// False when the time is over or the connection is lost.
         bool ReadSome(Deadline deadline) const;
@@ -150,6 +169,7 @@ public:
         DBusConnection* const m_connection;
         dbus_uint32_t m_serial = 0;
         bool m_reads = false;
+        bool m_isBesideLoop = false;
         std::optional<CInside> m_inside;
         std::shared_ptr<SAnswer> m_answer; // not while this thread reads
     };
@@ -159,8 +179,8 @@ public:
     std::atomic<bool> closing{false};
     std::atomic<bool> filtering{false}; // the port's filter is installed
 
-    /// Threads that send what a host's workers and objects give them, or ask the bus. One of them may be a worker that its host has
-    /// cut off and left behind, so the port's end waits for them.
+    /// Threads that send what a host's workers and objects give them, or ask the bus. One of them may be a worker that
+    /// its host has cut off and left behind, so the port's end waits for them.
     std::shared_ptr<internal_guarded::CRunners> const senders = std::make_shared<internal_guarded::CRunners>();
 
     CAwaitedReplies awaited;
@@ -180,6 +200,7 @@ public:
     std::set<DBusMessage*> unanswered;
 
 private:
+    static bool AnswerPing(DBusConnection* connection, DBusMessage* message);
     static void Drain(int eventFd);
 
     /// Without an eventfd nothing ends a wait before its time, so none is long.
@@ -200,16 +221,17 @@ private:
 
     CDbusPort& m_port;
     int m_eventFd;
-    int m_insteadFd; // the eventfd of whoever reads instead: two threads cannot both take back one kick
+    int m_insteadFd; // the eventfd of whoever reads instead or beside: two threads cannot both take back one kick
     int m_epollFd;   // of m_eventFd and the connection; -1 if the system gives none
     int m_fd = -1;   // of the connection's socket; not the one that libdbus closes
 
     std::condition_variable m_handedBack;
 
     // Guarded by the mutex.
-    unsigned int m_watched = 0;               // what of the connection ends a wait, as epoll names it
-    bool m_isInWait = false;                  // and nobody has ended the wait
-    std::atomic<bool> m_isReadInstead{false}; // read by kicks without the mutex
+    unsigned int m_watched = 0;                  // what of the connection ends a wait, as epoll names it
+    bool m_isInWait = false;                     // and nobody has ended the wait
+    std::atomic<bool> m_isReadInstead{false};    // or beside a loop; read by kicks without the mutex
+    std::deque<dbus::MessagePointer> m_setAside; // for the loop, which takes those first
 };
 
 } // namespace nelo_rpc

@@ -86,6 +86,46 @@ TEST_F(CDbusPortOutage, LeavesTheProcessAliveWhileManyThreadsAskTheBus)
     }
 }
 
+TEST_F(CDbusPortOutage, LeavesTheProcessAliveWhileLoopsDispatchAndOtherThreadsCall)
+{
+    // A loop and a thread inside a call notice the loss of the same connection at once.
+    constexpr int PORTS = 8;
+    for (int round = 0; round < 5; ++round)
+    {
+        CRawServer const server(m_server,
+                                [](CRawPeer& peer, MessagePtr const& call) { answerInt(peer, call.get(), 1); });
+        std::vector<std::unique_ptr<CDbusPort>> ports;
+        std::atomic<int> answered{0};
+        std::atomic<bool> stop{false};
+        std::vector<std::future<void>> threads;
+        for (int p = 0; p < PORTS; ++p)
+        {
+            CDbusPort& port = *ports.emplace_back(
+                std::make_unique<CDbusPort>(CPrivateBus::UniqueName().c_str(), m_server.c_str(), false));
+            port.GetPollFd();
+            threads.push_back(std::async(std::launch::async, [&port, &answered] {
+                while (!port.CallFunction(listOf(1), 0).empty())
+                {
+                    ++answered;
+                }
+            }));
+            threads.push_back(std::async(std::launch::async, [&port, &stop] {
+                while (!stop && port.IsOpen())
+                {
+                    port.DispatchCallbacks();
+                }
+            }));
+        }
+        EXPECT_TRUE(eventually([&] { return answered > 20 * PORTS; }));
+        CBusOutage const outage;
+
+        for (auto& thread : threads)
+        {
+            ASSERT_TRUE(isReady(thread, seconds(20)));
+        }
+    }
+}
+
 TEST_F(CDbusPortOutage, MakesAReplyGoNowhere)
 {
     CInbox<CRpcPort::ReplyFunction> replies;

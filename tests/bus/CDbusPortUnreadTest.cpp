@@ -198,22 +198,24 @@ TEST_F(CDbusPortUnread, LimitEndsForAPeerThatReadsAlsoIfItCouldNotBePingedAtFirs
     constexpr int SLUGGARDS = 100; // no more pings are open at a time
     std::string const name = CPrivateBus::UniqueName();
     CDbusPort port(name.c_str(), true, Limited(96 * MIB));
+    port.SetFunctionCallListener(
+        [](CValueList const&, int id, CRpcPort::ReplyFunction const& reply) { reply(listOf(id)); });
     std::vector<std::unique_ptr<CRawPeer>> sluggards;
     for (int i = 0; i < SLUGGARDS; ++i)
     {
         sluggards.push_back(std::make_unique<CRawPeer>());
         ASSERT_TRUE(port.SendCallback(listOfBytes(128 * 1024), port.AddConnection(sluggards.back()->GetUniqueName())));
     }
-    CRawPeer peer;
-    int const id = port.AddConnection(peer.GetUniqueName());
+    CSluggard reader(name);
+    int const id = intOf(reader.Get().CallFunction({}, 0));
+    ASSERT_LE(0, id);
     ASSERT_TRUE(port.SendCallback(listOfBytes(30 * MIB), id));
     ASSERT_FALSE(port.SendCallback(listOf(1), id));
     sluggards.clear();
+    reader.StartReading();
+    ASSERT_TRUE(eventually([&] { return reader.Received() == 1; }));
 
-    EXPECT_TRUE(eventually([&] {
-        peer.Receive(DBUS_MESSAGE_TYPE_SIGNAL, milliseconds(10));
-        return port.SendCallback(listOf(1), id);
-    }));
+    EXPECT_TRUE(eventually([&] { return port.SendCallback(listOf(1), id); }));
 }
 
 TEST_F(CDbusPortUnread, LimitLeavesRoomForResultsHoweverManyCallbacksAreUnread)

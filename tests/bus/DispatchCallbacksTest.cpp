@@ -256,6 +256,46 @@ TEST_F(CDispatchCallbacks, DeliversWhileAnotherThreadWaitsInsideACall)
     EXPECT_EQ(3, call.get());
 }
 
+TEST_F(CDispatchCallbacks, LeavesAnotherThreadItsResultWhileAHandlerIsBusy)
+{
+    m_callbacksBeforeReply = 1;
+    for (int round = 0; round < 20; ++round)
+    {
+        CGate returned;
+        CInbox<bool> waited;
+        m_port.SetCallbackListener([&](CValueList const&) {
+            m_received.push_back(round);
+            waited.Put(returned.Wait());
+        });
+        auto call = std::async(std::launch::async, [&] {
+            int const result = intOf(m_port.CallFunction(listOf(7), 0));
+            returned.Open();
+            return result;
+        });
+
+        ASSERT_TRUE(DispatchUntil(static_cast<std::size_t>(round) + 1));
+        EXPECT_TRUE(waited.All().at(0)) << "in round " << round;
+        ASSERT_TRUE(isReady(call));
+        EXPECT_EQ(7, call.get());
+    }
+}
+
+TEST_F(CDispatchCallbacks, AnswersPingsAndCallsThatNothingTakes)
+{
+    CRawPeer peer;
+    std::string const name = m_serverPort.GetPeerName(m_clientId);
+    MessagePtr const ping(dbus_message_new_method_call(name.c_str(), "/", DBUS_INTERFACE_PEER, "Ping"));
+    MessagePtr const stray(dbus_message_new_method_call(name.c_str(), "/elsewhere", "org.trelin.Odd", "Odd"));
+    peer.Send(ping.get());
+    peer.Send(stray.get());
+    DispatchUntil(1, milliseconds(500)); // there is no callback
+
+    EXPECT_NE(nullptr, peer.Receive(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+    MessagePtr const error = peer.Receive(DBUS_MESSAGE_TYPE_ERROR);
+    ASSERT_NE(nullptr, error);
+    EXPECT_STREQ(DBUS_ERROR_UNKNOWN_METHOD, dbus_message_get_error_name(error.get()));
+}
+
 TEST_F(CDispatchCallbacks, LetsAHandlerCall)
 {
     m_port.SetCallbackListener([this](CValueList const& list) {
