@@ -111,10 +111,7 @@ bool CDbusPort::CIo::CQuestion::IsAnswerNext() const
 
 bool CDbusPort::CIo::CQuestion::IsAnswer(DBusMessage* message) const
 {
-    // A peer may put the number into a message of any other type too, and those the bus lets pass unasked.
-    int const type = dbus_message_get_type(message);
-    return (type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR) &&
-           dbus_message_get_reply_serial(message) == m_serial;
+    return dbus_message_get_reply_serial(message) == m_serial;
 }
 
 void CDbusPort::CIo::CQuestion::HandBack()

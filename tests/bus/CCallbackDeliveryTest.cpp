@@ -301,24 +301,6 @@ TEST_F(CCallbackDeliveryOnBus, IsNotHarmedByALateReply)
     EXPECT_EQ(std::vector<int>{9}, m_received.All());
 }
 
-TEST_F(CCallbackDeliveryOnBus, TakesNoCallbackForAReplyWhateverItSaysOfItself)
-{
-    std::string const name = CPrivateBus::UniqueName();
-    CRawServer const server(name, [](CRawPeer& peer, MessagePtr const& call) {
-        MessagePtr const signal = rawSignal(textOf(dbus_message_get_sender(call.get())));
-        dbus_message_set_reply_serial(signal.get(), dbus_message_get_serial(call.get()));
-        putInt(signal.get(), 0, 99);
-        peer.Send(signal.get());
-        answerInt(peer, call.get(), 3);
-    });
-    int const id = m_port.AddConnection(name);
-    CCallbackDelivery const delivery(m_port);
-
-    EXPECT_EQ(3, intOf(m_port.CallFunction(listOf(1), id)));
-    ASSERT_TRUE(m_received.WaitForCount(1));
-    EXPECT_EQ(99, m_received.All()[0]);
-}
-
 TEST_F(CCallbackDeliveryOnBus, ReportsAnErrorReplyAsEver)
 {
     CCallbackDelivery const delivery(m_port);
