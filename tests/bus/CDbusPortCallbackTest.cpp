@@ -344,14 +344,17 @@ TEST_F(CDbusPortCallback, MayBeSentByAHandlerOfAnotherPortThatAListenerDispatche
     CDbusPort other(m_client.c_str(), m_server.c_str(), false);
     other.GetPollFd();
     m_port.SetFunctionCallListener([&](CValueList const&, int id, CRpcPort::ReplyFunction const&) {
-        other.CallFunctionAsync(
-            {}, 99, {}, [this, id](nelo_rpc::CCallResult const&) { m_sent.Put(m_port.SendCallback(listOf(55), id)); });
+        bool sent = false;
+        other.CallFunctionAsync({}, 99, {},
+                                [&](nelo_rpc::CCallResult const&) { sent = m_port.SendCallback(listOf(55), id); });
         other.DispatchCallbacks();
+        m_sent.Put(sent); // not before: the other port ends with the test
     });
     m_peer.Send(rawCall(m_server).get());
 
-    ASSERT_TRUE(m_sent.WaitForCount(1, seconds(10)));
-    EXPECT_TRUE(m_sent.All()[0]);
+    EXPECT_TRUE(m_sent.WaitForCount(1, seconds(10)));
+    m_port.SetFunctionCallListener({});
+    EXPECT_EQ(std::vector<bool>{true}, m_sent.All());
 }
 
 TEST_F(CDbusPortCallback, GoesOutWithoutWaitingForAPollingPass)
