@@ -185,6 +185,7 @@ TEST(HostForItsOwnUser, RefusesAClientOfAnotherUser)
 {
     if (::geteuid() != 0)
     {
+        // The client must be of another user than the server, and an unprivileged user cannot start such a process.
         GTEST_SKIP() << "only root can start a client of another user";
     }
     std::string const name = CPrivateBus::UniqueName();

@@ -323,6 +323,7 @@ TEST(BusDeath, OrARefusalOfCallsLeavesBothSidesAlive)
 {
     if (!canBecomeNobody())
     {
+        // The policy tells users apart, so one side must run as another user: that takes root, and folders it may enter.
         GTEST_SKIP() << "cannot become an unprivileged user";
     }
     CCampaign campaign("policy, calls refused", seconds(100));
@@ -342,6 +343,7 @@ TEST(BusDeath, OrThePolicyOfAStockSystemDoesNotKeepAnUnprivilegedServerFromItsCl
 {
     if (!canBecomeNobody())
     {
+        // The policy tells users apart, so one side must run as another user: that takes root, and folders it may enter.
         GTEST_SKIP() << "cannot become an unprivileged user";
     }
     CCampaign campaign("policy, unprivileged server", seconds(100));

@@ -149,6 +149,7 @@ TEST(HangReport, ShowsTheStackOfAThreadThatComputes)
 {
     if (isSignalPutOff())
     {
+        // The stack is read by a signal handler on the hung thread, and this one makes no call that lets it run.
         GTEST_SKIP() << "no signal reaches a thread that computes under ThreadSanitizer";
     }
     CReports reports;
@@ -321,6 +322,7 @@ TEST(HangReport, DoesNotLetAnInterruptedCallGoOnAndAnswer)
 {
     if (isSignalPutOff())
     {
+        // What is asserted is what the handler does before the interrupted call goes on.
         GTEST_SKIP() << "under ThreadSanitizer the call has gone on before the handler runs";
     }
     for (auto const kill : {EKill::Anywhere, EKill::AtCancellationPoint})
