@@ -194,6 +194,7 @@ void CClientConnection::OnFunctionCall(types::CValueList const& call, CRpcPort::
     auto const shared = std::make_shared<SCall>(call, std::move(reply), m_core->GetEnded(), m_unanswered);
 
     std::lock_guard<std::mutex> const lock(m_postMutex);
+    CLoopThread::CWakeHold const hold(m_thread); // for the pong behind it
     m_thread.Post(
         [this, shared] {
             if (!m_isClientGone) // else an actor that is made now would stay for ever

@@ -230,7 +230,10 @@ void CLoopThread::Post(std::function<void()> fn, std::string const& name)
         {
             m_queue.push_back(std::move(message));
         }
-        m_cond.notify_all();
+        if (m_wakeHolds == 0)
+        {
+            m_cond.notify_all();
+        }
     }
     logDebug() << "CLoopThread::Post to thread " << id << " done";
 }
@@ -609,6 +612,23 @@ CLoopThread::CStartHold::~CStartHold()
         m_thread.StartLocked();
     }
     m_thread.m_cond.notify_all();
+}
+
+CLoopThread::CWakeHold::CWakeHold(CLoopThread& thread) : m_thread(thread)
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    std::lock_guard<std::mutex> const lock(m_thread.m_mutex);
+    ++m_thread.m_wakeHolds;
+}
+
+CLoopThread::CWakeHold::~CWakeHold()
+{
+    CCancellationGuard const guard(CCancellationGuard::EOnLeave::Defer);
+    {
+        std::lock_guard<std::mutex> const lock(m_thread.m_mutex);
+        --m_thread.m_wakeHolds;
+    }
+    m_thread.m_cond.notify_all(); // unlocked, or the worker would wake up only to wait for the mutex
 }
 
 } // namespace nelo_rpc

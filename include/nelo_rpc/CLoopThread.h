@@ -117,6 +117,23 @@ public:
         CLoopThread& m_thread;
     };
 
+    /// Keeps the worker asleep while an object of this class lives, for items that are posted one right after the other:
+    /// it would take up the first, find nothing more, and have to be woken again. One that is awake goes on.
+    ///
+    /// Must not outlive the loop thread. A stop and a kill do not wait for its end.
+    /// @since 0.1
+    class NELO_RPC_API CWakeHold
+    {
+    public:
+        explicit CWakeHold(CLoopThread& thread);
+        CWakeHold(CWakeHold const&) = delete;
+        CWakeHold& operator=(CWakeHold const&) = delete;
+        ~CWakeHold();
+
+    private:
+        CLoopThread& m_thread;
+    };
+
 protected:
     /// For an item of this thread that lasts: waits for the given time, or until the thread is being stopped.
     ///
@@ -170,6 +187,7 @@ private:
     std::vector<std::shared_ptr<SGeneration>> m_retired; // stopped, but still in their loop
     std::vector<std::thread::id> m_holders;              // a thread that holds twice is in here twice
     bool m_startWanted;
+    int m_wakeHolds = 0;
     std::uint64_t m_lastGeneration;
     SWorkerOptions m_workerOptions;
     bool m_closed;

@@ -65,6 +65,7 @@ private:
                 if (dbus_connection_get_dispatch_status(m_port.m_connection) == DBUS_DISPATCH_COMPLETE)
                 {
                     m_io.Wait(m_port.m_connection, -1);
+                    m_io.Read(m_port.m_connection);
                 }
             }
         }

@@ -171,6 +171,7 @@ void CDbusPort::Receive()
         if (dbus_connection_get_dispatch_status(m_connection) == DBUS_DISPATCH_COMPLETE)
         {
             m_io->Wait(m_connection, IDLE_WAIT_MS);
+            m_io->Read(m_connection);
         }
     }
     m_io->SetReader(EReader::Nobody);
@@ -697,7 +698,7 @@ bool CDbusPort::DispatchSome()
     CIo::CInside const inside(*m_io);
     for (int passes = 0; passes < DISPATCH_LIMIT; ++passes)
     {
-        dbus_connection_read_write(m_connection, 0);
+        m_io->Read(m_connection);
         m_io->KickInstead(); // an answer may be behind what is handled now
         dbus::MessagePointer const message = m_io->TakeNext(m_connection);
         if (message == nullptr)

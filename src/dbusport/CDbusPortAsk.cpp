@@ -245,7 +245,7 @@ bool CDbusPort::CIo::CQuestion::ReadSome(Deadline deadline) const
         return false;
     }
     m_io.PollFor(m_connection, m_reads || m_isBesideLoop ? m_io.m_insteadFd : m_io.m_eventFd, leftMs);
-    return dbus_connection_read_write(m_connection, 0);
+    return m_io.Read(m_connection);
 }
 
 } // namespace nelo_rpc

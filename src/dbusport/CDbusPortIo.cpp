@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +47,9 @@ constexpr int UNWAKEABLE_WAIT_MS = 200;
 
 /// How often time-outs are looked after while another thread reads and this one cannot wait for the timer.
 constexpr std::chrono::milliseconds TIMER_CHECK(50);
+
+/// What libdbus reads of a message before it asks for the connection to be waited for again.
+constexpr int BYTES_READ_AT_ONCE = 4096;
 
 void kick(int eventFd)
 {
@@ -227,8 +231,25 @@ void CDbusPort::CIo::PollFor(DBusConnection* connection, int eventFd, int timeou
     {
         waited[1].events |= POLLOUT;
     }
-    ::poll(waited, 2, Bounded(eventFd, timeoutMs));
-    Drain(eventFd);
+    if (::poll(waited, 2, Bounded(eventFd, timeoutMs)) > 0 && waited[0].revents != 0)
+    {
+        Drain(eventFd);
+    }
+}
+
+bool CDbusPort::CIo::Read(DBusConnection* connection) const
+{
+    bool isConnected = dbus_connection_read_write(connection, 0);
+    int left = 0;
+    if (isConnected && dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_COMPLETE &&
+        ::ioctl(m_fd, FIONREAD, &left) == 0)
+    {
+        for (; isConnected && left > 0; left -= BYTES_READ_AT_ONCE)
+        {
+            isConnected = dbus_connection_read_write(connection, 0);
+        }
+    }
+    return isConnected;
 }
 
 void CDbusPort::CIo::Watch(unsigned int events)

@@ -56,6 +56,10 @@ public:
     /// not return while another thread reads instead, unless the calling one is to end.
     void Wait(DBusConnection* connection, int timeoutMs);
 
+    /// Reads and writes without waiting, and of a large message all that is there: to wait between its pieces would cost
+    /// more than to read them. False when the connection is lost.
+    bool Read(DBusConnection* connection) const;
+
     /// Writes what waits to be sent, until the time is over or the connection is lost.
     void Flush(DBusConnection* connection, Deadline deadline) const;
 
