@@ -80,7 +80,7 @@ void CAsyncCalls::Expire()
         while (!m_calls.empty() && m_calls.begin()->first <= now)
         {
             Call const call = m_calls.begin()->second;
-            call->failure = {ECallStatus::TimedOut, "no reply within the time-out"};
+            call->failure = dbus::tooLate();
             m_awaited.Remove(call->serial);
             End(call, ended);
         }
@@ -114,12 +114,6 @@ void CAsyncCalls::EndAll(char const* reason)
         m_waiting.clear();
     }
     HandOn(ended);
-}
-
-Deadline CAsyncCalls::GetNextDeadline() const
-{
-    std::lock_guard<std::mutex> const lock(m_mutex);
-    return m_calls.empty() ? Deadline::max() : m_calls.begin()->first;
 }
 
 void CAsyncCalls::OnAnswer(Call const& call, DBusMessage* answer)

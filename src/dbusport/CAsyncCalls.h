@@ -70,9 +70,6 @@ public:
     /// Readable when Expire() has something to do; -1 if the system gives none.
     int GetTimerFd() const { return m_timerFd; }
 
-    /// When Expire() next has something to do.
-    Deadline GetNextDeadline() const;
-
 private:
     using Ended = std::vector<Call>;
 

@@ -20,11 +20,6 @@ namespace
 
 using dbus::SCallFailure;
 
-SCallFailure tooLate()
-{
-    return {ECallStatus::TimedOut, "no reply within the time-out"};
-}
-
 /// Gives the reply to the caller, or turns an error reply into a failure.
 DBusMessage* replyOrFailure(dbus::MessagePointer reply, SCallFailure& failure)
 {
@@ -73,7 +68,7 @@ SCallFailure CDbusPort::FindObstacle(std::string const& destination, int timeout
     {
         return {ECallStatus::Disconnected, "no connection to the bus"};
     }
-    SCallFailure const failure = dbus::failureToCall(destination, timeoutMs);
+    SCallFailure failure = dbus::failureToCall(destination, timeoutMs);
     if (failure)
     {
         return failure;
@@ -122,7 +117,7 @@ CCallResult CDbusPort::Call(types::CValueList const& call, int connectionId, CCa
         }
         else
         {
-            failure = tooLate();
+            failure = dbus::tooLate();
         }
     }
     CCallResult result = resultOf(std::move(reply), std::move(failure), isTrusted, destination);
@@ -166,7 +161,7 @@ DBusMessage* CDbusPort::SendAndWait(DBusMessage* message, int timeoutMs, SCallFa
     if (reply == nullptr)
     {
         failure = dbus_connection_get_is_connected(m_connection)
-                      ? tooLate()
+                      ? dbus::tooLate()
                       : SCallFailure{ECallStatus::Disconnected, "the connection to the bus is closed"};
     }
     return replyOrFailure(std::move(reply), failure);

@@ -264,13 +264,25 @@ void CDbusPort::CIo::Watch(unsigned int events)
     }
 }
 
-bool CDbusPort::CIo::AnswerPing(DBusConnection* connection, DBusMessage* message)
+bool CDbusPort::CIo::AnswerPeerCall(DBusConnection* connection, DBusMessage* message)
 {
-    if (!dbus_message_is_method_call(message, DBUS_INTERFACE_PEER, "Ping") || dbus_message_get_no_reply(message))
+    bool const isPing = dbus_message_is_method_call(message, DBUS_INTERFACE_PEER, "Ping");
+    bool const isQuestion = dbus_message_is_method_call(message, DBUS_INTERFACE_PEER, "GetMachineId");
+    if (!(isPing || isQuestion) || dbus_message_get_no_reply(message))
     {
         return false;
     }
-    dbus::MessagePointer const answer(dbus_message_new_method_return(message));
+    dbus::CError error;
+    std::unique_ptr<char, decltype(&dbus_free)> const id(
+        isQuestion ? dbus_try_get_local_machine_id(error.Get()) : nullptr, &dbus_free);
+    char const* const text = id.get();
+    dbus::MessagePointer const answer(error.IsSet()
+                                          ? dbus_message_new_error(message, error.Get()->name, error.Get()->message)
+                                          : dbus_message_new_method_return(message));
+    if (text != nullptr)
+    {
+        dbus_message_append_args(answer.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    }
     dbus_connection_send(connection, answer.get(), nullptr);
     return true;
 }
@@ -289,7 +301,7 @@ dbus::MessagePointer CDbusPort::CIo::TakeNext(DBusConnection* connection)
 
 void CDbusPort::CIo::Dispatch(DBusConnection* connection, DBusMessage* message)
 {
-    if (AnswerPing(connection, message) || OnMessage(connection, message, &m_port) == DBUS_HANDLER_RESULT_HANDLED ||
+    if (AnswerPeerCall(connection, message) || OnMessage(connection, message, &m_port) == DBUS_HANDLER_RESULT_HANDLED ||
         dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL || dbus_message_get_no_reply(message))
     {
         return;
@@ -301,7 +313,7 @@ void CDbusPort::CIo::Dispatch(DBusConnection* connection, DBusMessage* message)
 
 void CDbusPort::CIo::Drop(DBusConnection* connection, DBusMessage* message)
 {
-    if (AnswerPing(connection, message))
+    if (AnswerPeerCall(connection, message))
     {
         return;
     }

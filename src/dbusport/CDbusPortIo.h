@@ -25,8 +25,8 @@
 namespace nelo_rpc
 {
 
-/// Waits for a port's connection outside of libdbus, where it keeps nobody from sending, and holds the callbacks that a
-/// delivery thread has yet to hand on.
+/// What a port has to do with its connection: waits outside of libdbus, where they keep nobody from sending, who reads,
+/// the answers that are waited for, and what a delivery thread or an application's loop has yet to hand on.
 class CDbusPort::CIo
 {
 public:
@@ -70,7 +70,7 @@ public:
     /// a listener ends the process here.
     static DBusHandlerResult OnMessage(DBusConnection* connection, DBusMessage* message, void* port) noexcept;
 
-    /// Throws a message away that nobody is going to dispatch. A ping is answered: it tells what was read.
+    /// Throws a message away that nobody is going to dispatch. A ping is answered all the same: it tells what was read.
     static void Drop(DBusConnection* connection, DBusMessage* message);
 
     /// The next message for an application's loop: what calls have set aside, and then what has arrived. Null if there
@@ -204,7 +204,8 @@ public:
     std::set<DBusMessage*> unanswered;
 
 private:
-    static bool AnswerPing(DBusConnection* connection, DBusMessage* message);
+    /// What libdbus answers by itself when it dispatches.
+    static bool AnswerPeerCall(DBusConnection* connection, DBusMessage* message);
     static void Drain(int eventFd);
 
     /// Without an eventfd nothing ends a wait before its time, so none is long.

@@ -29,6 +29,11 @@ constexpr long MUCH_TO_SEND = 64 * 1024;
 
 constexpr std::uint32_t NO_GROUP = std::numeric_limits<std::uint32_t>::max();
 
+void logFailure(std::string const& cause)
+{
+    logError() << "CDbusPort::WatchPeers failed: " << cause;
+}
+
 bool isUnique(std::string const& name)
 {
     return !name.empty() && name.front() == ':';
@@ -220,14 +225,17 @@ bool CDbusPort::MatchNamesThatGo()
     if (wanted && !m_watch->matched)
     {
         m_watch->watched = true;
-        dbus::CError error;
-        dbus_bus_add_match(m_connection, NAMES_THAT_GO, error.Get());
-        if (error.IsSet())
+        dbus::MessagePointer const question(
+            dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "AddMatch"));
+        dbus_message_append_args(question.get(), DBUS_TYPE_STRING, &NAMES_THAT_GO, DBUS_TYPE_INVALID);
+        // Not waited for: what is asked behind it is answered behind it.
+        m_watch->matched =
+            m_io->awaited.Send(m_connection, question.get(), [this](DBusMessage* answer) { HandleMatch(answer); });
+        if (!m_watch->matched)
         {
-            logError() << "CDbusPort::WatchPeers failed: " << error.Message();
+            logFailure("the connection to the bus is closed");
             return false;
         }
-        m_watch->matched = true;
     }
     else if (!wanted && m_watch->matched)
     {
@@ -237,11 +245,23 @@ bool CDbusPort::MatchNamesThatGo()
     return true;
 }
 
+void CDbusPort::HandleMatch(DBusMessage* answer)
+{
+    if (answer != nullptr && dbus_message_get_type(answer) == DBUS_MESSAGE_TYPE_ERROR)
+    {
+        m_watch->remembers = false;
+        dbus::CError error;
+        dbus_set_error_from_message(error.Get(), answer);
+        logFailure(error.Message());
+    }
+}
+
 void CDbusPort::StartRemembering()
 {
-    if (m_options.rememberPeers || m_io->unread.IsLimited())
+    m_watch->remembers = m_options.rememberPeers; // before the bus may refuse
+    if (!MatchNamesThatGo())
     {
-        m_watch->remembers = MatchNamesThatGo() && m_options.rememberPeers;
+        m_watch->remembers = false;
     }
 }
 
@@ -347,7 +367,7 @@ void CDbusPort::HandleNames(DBusMessage* names)
     }
     if (!dbus_message_has_signature(names, "as"))
     {
-        logError() << "CDbusPort::WatchPeers failed: " << types::toString(dbus_message_get_error_name(names));
+        logFailure(types::toString(dbus_message_get_error_name(names)));
         return;
     }
     std::set<std::string> const present = namesIn(names);

@@ -37,8 +37,6 @@ namespace
 using dbus::SCallFailure;
 using std::chrono::steady_clock;
 
-constexpr char const* TOO_LATE = "no reply within the time-out";
-
 /// Nothing announces a listener, so a port that holds a call back for one looks this often.
 constexpr std::chrono::milliseconds LISTENER_CHECK(10);
 
@@ -321,10 +319,7 @@ private:
         }
     }
 
-    static void EndLate(std::shared_ptr<SMessage> const& call)
-    {
-        End(call, nullptr, {ECallStatus::TimedOut, TOO_LATE});
-    }
+    static void EndLate(std::shared_ptr<SMessage> const& call) { End(call, nullptr, dbus::tooLate()); }
 
     static void EndLateCalls(SMailbox& mailbox)
     {
@@ -659,7 +654,7 @@ CCallResult CLocalPort::CImpl::RunCall(types::CValueList const& call, int connec
         std::unique_lock<CTurn> const turn(m_callTurn, deadline);
         if (!turn.owns_lock())
         {
-            return Failed({ECallStatus::TimedOut, TOO_LATE});
+            return Failed(dbus::tooLate());
         }
         m_bus->Call(m_mailbox, message, deadline);
     }

@@ -56,6 +56,11 @@ SCallFailure failureToCall(std::string const& destination, int timeoutMs)
     return {};
 }
 
+SCallFailure tooLate()
+{
+    return {ECallStatus::TimedOut, "no reply within the time-out"};
+}
+
 SCallFailure failureOf(DBusError const& error)
 {
     return {statusOf(error), types::toString(error.message)};

@@ -25,6 +25,9 @@ SCallFailure failureToCall(std::string const& destination, int timeoutMs);
 /// What an error means, be it an error reply's or the bus library's own.
 SCallFailure failureOf(DBusError const& error);
 
+/// That no reply came in time.
+SCallFailure tooLate();
+
 /// What keeps the arguments of a call from being sent: what whyNotSendable() objects to.
 SCallFailure failureToSend(types::CValueList const& call);
 

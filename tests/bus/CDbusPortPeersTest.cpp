@@ -1,7 +1,10 @@
 #include "UntrustedPeers.h"
 
+#include <nelo_rpc/testing/CPrivateBus.h>
+
 #include <unistd.h>
 
+#include <cstdlib>
 #include <set>
 
 namespace
@@ -394,9 +397,51 @@ TEST_F(CDbusPortPeers, AreNotWatchedByAPortThatNothingReads)
     EXPECT_FALSE(nameless.WatchPeers([](int) {}));
 }
 
+TEST_F(CDbusPortPeers, AreWatchedWithoutWaitingForTheBus)
+{
+    CInbox<int>& gone = m_gone;
+    auto peer = std::make_unique<CRawPeer>();
+    int const id = Meet(*peer);
+
+    {
+        CBusPause const pause;
+        auto const before = std::chrono::steady_clock::now();
+        Watch(gone);
+        EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10)); // the bus library's is 25
+    }
+    peer.reset();
+    ASSERT_TRUE(gone.WaitForCount(1));
+    EXPECT_EQ(id, gone.All().front());
+}
+
+TEST(CDbusPortPeersOfAStrictBus, AreNotWatchedWithAnErrorLineThatSaysWhy)
+{
+    std::string config = nelo_rpc::test::CPrivateBus::GetDefaultConfig();
+    config.insert(config.find("</busconfig>"), "<limit name=\"max_match_rules_per_connection\">0</limit>");
+
+    // In a process of its own, since this one talks to its first bus for good.
+    EXPECT_EXIT(
+        {
+            CLogCapture const log;
+            nelo_rpc::test::CPrivateBus const bus(config);
+            CDbusPort server("org.example.strict", true, nelo_rpc::SPortOptions::Recommended());
+            server.SetFunctionCallListener(
+                [](CValueList const&, int, CRpcPort::ReplyFunction const& reply) { reply({}); });
+            bool const isWatching = server.WatchPeers([](int) {});
+            bool const isSaid = eventually([&] {
+                return countLinesThatBegin(log, ELevel::Error, "CDbusPort::WatchPeers failed: Connection ") == 1;
+            });
+            CRawPeer peer;
+            bool const isServing = peer.Call(rawCall("org.example.strict").get()) != nullptr;
+            std::_Exit(isWatching && isSaid && isServing ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(CDbusPortPeers, AreNotWatchedWithoutABus)
 {
     CBusOutage const outage;
+    ASSERT_TRUE(eventually([this] { return !m_port.IsOpen(); }));
     CLogCapture log;
 
     EXPECT_FALSE(m_port.WatchPeers([](int) {}));

@@ -296,6 +296,23 @@ TEST_F(CDispatchCallbacks, AnswersPingsAndCallsThatNothingTakes)
     EXPECT_STREQ(DBUS_ERROR_UNKNOWN_METHOD, dbus_message_get_error_name(error.get()));
 }
 
+TEST_F(CDispatchCallbacks, TellsTheMachineAsEveryProgramOnTheBusDoes)
+{
+    CRawPeer peer;
+    std::string const name = m_serverPort.GetPeerName(m_clientId);
+    MessagePtr const question(dbus_message_new_method_call(name.c_str(), "/", DBUS_INTERFACE_PEER, "GetMachineId"));
+    peer.Send(question.get());
+    DispatchUntil(1, milliseconds(500)); // there is no callback
+
+    char* const machine = dbus_get_local_machine_id();
+    char const* told = "";
+    MessagePtr const answer = peer.Receive(DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    ASSERT_NE(nullptr, answer);
+    EXPECT_TRUE(dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_STRING, &told, DBUS_TYPE_INVALID));
+    EXPECT_STREQ(machine, told);
+    dbus_free(machine);
+}
+
 TEST_F(CDispatchCallbacks, LetsAHandlerCall)
 {
     m_port.SetCallbackListener([this](CValueList const& list) {

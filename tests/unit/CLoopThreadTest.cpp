@@ -1146,6 +1146,40 @@ TEST(CLoopThread, AHoldThatNobodyAskedAStartOfStartsNothing)
     EXPECT_EQ(0, log.Count("starting thread"));
 }
 
+TEST(CLoopThread, AWakeHoldEndsWithAllItemsRunInTheirOrder)
+{
+    CLoopThread thread;
+    CGate started;
+    thread.Post([&] { started.Open(); }, "first");
+    ASSERT_TRUE(started.Wait());
+    std::string order;
+    CGate ran;
+    {
+        CLoopThread::CWakeHold const outer(thread);
+        CLoopThread::CWakeHold const inner(thread);
+        thread.Post([&] { order += 'a'; }, "second");
+        thread.Post(
+            [&] {
+                order += 'b';
+                ran.Open();
+            },
+            "third");
+    }
+    EXPECT_TRUE(ran.Wait());
+    thread.StopAndJoin();
+    EXPECT_EQ("ab", order);
+}
+
+TEST(CLoopThread, AStopDoesNotWaitForAWakeHold)
+{
+    CLoopThread thread;
+    CLoopThread::CWakeHold const hold(thread);
+    bool ran = false;
+    thread.Post([&] { ran = true; }, "item");
+    thread.StopAndJoin();
+    EXPECT_TRUE(ran);
+}
+
 // Killing at cancellation points
 
 namespace

@@ -138,10 +138,10 @@ public:
     /// See CRpcPort.
     std::string GetPeerName(int connectionId) const override;
 
-    /// See CRpcPort; about peers known by their unique name. Blocks for a round trip. When the bus itself is lost no
-    /// peer is reported: see SetLostListener().
+    /// See CRpcPort; about peers known by their unique name. Does not wait for the bus: should that refuse, an error
+    /// line says so. When the bus itself is lost no peer is reported: see SetLostListener().
     ///
-    /// @return false on a synchronous port, without a connection, and if the bus refuses.
+    /// @return false on a synchronous port, and without a connection.
     bool WatchPeers(std::function<void(int connectionId)> onGone) override;
 
     /// Whether the port has its connection to the bus, and its name, or a place in the queue for it, if it asked for one.
@@ -232,6 +232,7 @@ private:
     void Filter();
     void Unfilter();
     bool MatchNamesThatGo();
+    void HandleMatch(DBusMessage* answer);
     void StartRemembering();
     void AskForNames();
     bool HandleNews(DBusMessage* message, std::string const& sender);
