@@ -237,7 +237,11 @@ int CDbusPort::StoreConnection(std::string const& name)
     std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
     int const connectionId = ++m_lastConnectionId;
     m_connectionNames[connectionId] = name;
-    m_connectionIds[name] = connectionId;
+    auto const [known, isNew] = m_connectionIds.emplace(name, connectionId);
+    if (!isNew)
+    {
+        m_watch->earlierIds.emplace(name, std::exchange(known->second, connectionId));
+    }
     return connectionId;
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -341,17 +342,14 @@ void CDbusPort::HandleGoneName(std::string const& name)
     std::vector<int> gone;
     {
         std::lock_guard<std::recursive_mutex> const lock(m_connectionsMutex);
-        if (m_connectionIds.count(name) == 0)
+        auto const last = m_connectionIds.find(name);
+        if (last == m_connectionIds.end())
         {
             return;
         }
-        for (auto const& [connectionId, knownName] : m_connectionNames)
-        {
-            if (knownName == name)
-            {
-                gone.push_back(connectionId); // a peer may have been given several ids
-            }
-        }
+        auto const [begin, end] = m_watch->earlierIds.equal_range(name);
+        std::transform(begin, end, std::back_inserter(gone), [](auto const& earlier) { return earlier.second; });
+        gone.push_back(last->second);
     }
     for (int const connectionId : gone)
     {

@@ -28,7 +28,8 @@ public:
     }
 
     CPeerWatch peers;
-    std::atomic<bool> watched{false}; // ever: news may still be on their way after the end
+    std::multimap<std::string, int> earlierIds; // of peers that were given several; guarded as all ids are
+    std::atomic<bool> watched{false};           // ever: news may still be on their way after the end
 
     std::atomic<bool> lost{false};
     std::atomic<bool> destroying{false}; // from then on the connection's end is the port's own doing

@@ -180,6 +180,24 @@ TEST_F(CDbusPortPeers, ThatLeaveAreToldOfOnce)
     EXPECT_EQ(1, std::count(ids.begin(), ids.end(), id));
 }
 
+TEST_F(CDbusPortPeers, ThatLeaveAreToldOfUnderEachIdThatTheyWereGiven)
+{
+    CInbox<int>& gone = m_gone;
+    Watch(gone);
+    auto peer = std::make_unique<CRawPeer>();
+    CRawPeer const other;
+    std::string const name = peer->GetUniqueName();
+    std::vector<int> ids{Meet(*peer)};
+    ids.push_back(m_port.AddConnection(name));
+    m_port.AddConnection(other.GetUniqueName());
+    ids.push_back(m_port.AddConnection(name));
+    peer.reset();
+
+    ASSERT_TRUE(gone.WaitForCount(ids.size()));
+    Settle();
+    EXPECT_EQ(ids, gone.All());
+}
+
 TEST_F(CDbusPortPeers, ThatLeaveAreToldOfOnTheReceiverThread)
 {
     CInbox<std::thread::id> threads;
