@@ -44,6 +44,14 @@ add_test(NAME examples.client_without_server COMMAND ${examples_bus} $<TARGET_FI
 set_tests_properties(examples.client_without_server PROPERTIES
     PASS_REGULAR_EXPRESSION "nobody owns org.example.climate on the bus")
 
+add_test(NAME examples.command_without_end COMMAND ${examples_bus} --limit 1 sleep 60)
+set_tests_properties(examples.command_without_end PROPERTIES
+    TIMEOUT 50 PASS_REGULAR_EXPRESSION "sleep did not end within 1 seconds")
+
+# A shell in which somebody works has no limit, and the terminal to itself: whoever has not is stopped by such a command.
+add_test(NAME examples.command_with_a_terminal COMMAND script -qec "'${examples_bus}' --limit 0 stty sane" /dev/null)
+set_tests_properties(examples.command_with_a_terminal PROPERTIES TIMEOUT 30)
+
 # With a policy, a bus allows what it says and nothing else.
 set(policies ${CMAKE_CURRENT_BINARY_DIR}/policies)
 file(WRITE ${policies}/open.conf "<busconfig><policy context=\"default\"><allow own=\"org.example.climate\"/>"

@@ -94,6 +94,12 @@ struct SBody
     std::string const cause;
 };
 
+/// An id of numberAt() for machines: a number as with the other commands, or null if the message has none.
+std::string actorField(std::string const& id)
+{
+    return ",\"actor\":" + (id == "?" ? std::string("null") : id);
+}
+
 /// Picks the protocol's messages out of what passes, and puts replies and their calls together.
 class CTraffic
 {
@@ -133,7 +139,8 @@ private:
     struct SCall
     {
         steady_clock::time_point time;
-        std::string label;
+        std::string label;  // what was called, for people
+        std::string fields; // and for machines
         std::string to;
     };
 
@@ -168,14 +175,15 @@ private:
         std::string const actor = numberAt(body.list, ACTOR_ID);
         std::string const function = textAt(body.list, METHOD_NAME);
         std::string const label = onOneLine(type + "#" + actor + "." + function);
-        m_calls[{from, dbus_message_get_serial(&message)}] = {steady_clock::now(), label, to};
+        std::string const fields =
+            ",\"type\":" + jsonText(type) + actorField(actor) + ",\"function\":" + jsonText(function);
+        m_calls[{from, dbus_message_get_serial(&message)}] = {steady_clock::now(), label, fields, to};
         return SSeen{"call",
                      EColour::Blue,
                      m_names.LabelOf(from),
                      m_names.LabelOf(to),
                      label + body.Text(),
-                     ",\"type\":" + jsonText(type) + ",\"actor\":" + jsonText(actor) +
-                         ",\"function\":" + jsonText(function) + body.Json("arguments"),
+                     fields + body.Json("arguments"),
                      std::nullopt};
     }
 
@@ -195,7 +203,7 @@ private:
                      m_names.LabelOf(from),
                      m_names.LabelOf(textOf(dbus_message_get_destination(&message))),
                      onOneLine("#" + actor + "." + callback) + body.Text(),
-                     ",\"actor\":" + jsonText(actor) + ",\"callback\":" + jsonText(callback) + body.Json("payload"),
+                     actorField(actor) + ",\"callback\":" + jsonText(callback) + body.Json("payload"),
                      std::nullopt};
     }
 
@@ -220,12 +228,12 @@ private:
             seen.kind = "error";
             seen.colour = EColour::Red;
             seen.text = answered.label + " " + error + ": " + onOneLine(textOf(cause));
-            seen.fields = ",\"error\":" + jsonText(error) + ",\"cause\":" + jsonText(textOf(cause));
+            seen.fields = answered.fields + ",\"error\":" + jsonText(error) + ",\"cause\":" + jsonText(textOf(cause));
             return seen;
         }
         SBody const body(message);
         seen.text = answered.label + " = " + body.Text();
-        seen.fields = body.Json("result");
+        seen.fields = answered.fields + body.Json("result");
         return seen;
     }
 

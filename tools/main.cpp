@@ -101,7 +101,8 @@ void requireFitting(SCommand const& command, SOptions const& options)
     if (options.words.size() < command.minWords || options.words.size() > command.maxWords)
     {
         throw CFailure(EExit::Usage, (options.words.size() < command.minWords ? "too few words" : "too many words") +
-                                         std::string("; usage: nelo-rpc ") + command.name + " " + command.words);
+                                         std::string("; usage: nelo-rpc ") + command.name +
+                                         (command.words.empty() ? "" : " ") + command.words);
     }
 }
 

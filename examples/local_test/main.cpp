@@ -3,7 +3,6 @@
 /// The types, the host, the client and the proxy are the ones that a real program uses. Only the ports
 /// differ, so what is tested here is what runs later.
 
-#include <nelo_rpc/dbusport/CLocalPort.h>
 #include <nelo_rpc/nelo_rpc.h>
 
 #include <chrono>

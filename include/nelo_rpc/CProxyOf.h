@@ -167,7 +167,8 @@ public:
     auto CallAsync(Given const&... given)
     {
         constexpr bool IS_ACCEPTED = ACCEPTS_LED<Member, std::optional<ResultOf<Member>>, Given...>;
-        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function");
+        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function, led by a handler of its "
+                                   "optional result if there is one");
         if constexpr (IS_ACCEPTED)
         {
             return Function<Member>(*this).CallAsync(given...);
@@ -180,7 +181,8 @@ public:
     void CallFunctionAsync(Given const&... given)
     {
         constexpr bool IS_ACCEPTED = ACCEPTS_LED<Member, CCallResultOf<ResultOf<Member>>, Given...>;
-        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function");
+        static_assert(IS_ACCEPTED, "these are not the arguments of the interface's function, led by CCallOptions and a "
+                                   "handler of its CCallResultOf");
         if constexpr (IS_ACCEPTED)
         {
             Function<Member>(*this).CallFunctionAsync(given...);

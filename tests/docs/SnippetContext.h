@@ -2,7 +2,6 @@
 
 // What the snippets of the documents take for granted.
 
-#include <nelo_rpc/dbusport/CLocalPort.h>
 #include <nelo_rpc/nelo_rpc.h>
 #include <nelo_rpc/testing/CPrivateBus.h>
 #include <nelo_rpc/testing/CScriptedServer.h>

@@ -113,6 +113,10 @@ class Mistakes(unittest.TestCase):
     def test_an_argument_that_is_left_out_is_named(self):
         self.expect("nelo_rpc_add_service needs USER", "NAME", NAME)
 
+    def test_a_keyword_without_its_value_is_named_and_not_passed_over(self):
+        self.expect("GROUP has no value", "NAME", NAME, "USER", "x", "GROUP")
+        self.expect("GROUP has no value", "NAME", NAME, "USER", "x", "GROUP", "EVERYBODY")
+
     def test_a_word_that_is_not_known_is_named(self):
         self.expect("does not know: ACTIVATED", "NAME", NAME, "USER", "x", "ACTIVATED")
 

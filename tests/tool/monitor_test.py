@@ -57,8 +57,23 @@ class Monitor(tool.ToolTest):
         self.assertEqual(("call", SERVER, "Probe", "Add"), (call["kind"], call["to"], call["type"], call["function"]))
         self.assertEqual({"0": {"type": "int", "value": 2}, "1": {"type": "int", "value": 3}}, call["arguments"])
         self.assertEqual(("result", SERVER, call["from"]), (result["kind"], result["from"], result["to"]))
+        self.assertGreater(call["actor"], 0)
+        for field in ["type", "actor", "function"]:
+            self.assertEqual(call[field], result[field])
         self.assertEqual({"0": {"type": "int", "value": 5}}, result["result"])
         self.assertGreater(result["ms"], 0)
+
+    def test_json_of_an_error_says_which_call_it_answers_and_of_a_missing_id_that_there_is_none(self):
+        self.start()
+        run = self.monitor("--json", SERVER)
+        done = self.bus.run("dbus-send", "--system", f"--dest={SERVER}", "--print-reply", tool.wire.PATH,
+                            f"{tool.wire.INTERFACE}.Call", "int32:0", "int32:99")
+        self.assertNotEqual(0, done.returncode)
+        call, error = [json.loads(line) for line in self.lines_until(run, "ill_formed") + [run.line()]][-2:]
+        self.assertEqual(("call", "error"), (call["kind"], error["kind"]))
+        self.assertIsNone(call["actor"])
+        for field in ["type", "actor", "function"]:
+            self.assertEqual(call[field], error[field])
 
     def test_errors_are_shown(self):
         self.start()

@@ -32,7 +32,7 @@ class Usage(tool.ToolTest):
                 ("too few words; usage: nelo-rpc watch NAME TYPE CALLBACK", ["watch", "a.b", "T"]),
                 ("too few words; usage: nelo-rpc ping NAME", ["ping"]),
                 ("too many words; usage: nelo-rpc ping NAME", ["ping", "a.b", "c.d"]),
-                ("too many words; usage: nelo-rpc list", ["list", "x"]),
+                ("too many words; usage: nelo-rpc list\n", ["list", "x"]),
                 ("too many words; usage: nelo-rpc monitor [NAME]", ["monitor", "a.b", "c.d"]),
                 ("the option --timeout wants a value", ["ping", "a.b", "--timeout"]),
                 ("'soon' is no time-out", ["ping", "a.b", "--timeout", "soon"]),
