@@ -89,6 +89,9 @@ struct STally
     SHonestReport witness;
 };
 
+/// A host that has left so many threads behind as it may have refuses the clients that they were of.
+constexpr int KILLS_OF_A_SERVER = 15;
+
 STally hangAgainAndAgain(std::string const& way, int times, nelo_rpc::EKill kill, CCampaign const& campaign)
 {
     STally tally;
@@ -107,8 +110,14 @@ STally hangAgainAndAgain(std::string const& way, int times, nelo_rpc::EKill kill
             pair->Kill(); // also so that the witness's call ends
             pair = std::make_unique<CHangingPair>(kill);
         }
+        else if (tally.kills % KILLS_OF_A_SERVER == 0)
+        {
+            tally.witness += pair->StopWitness();
+            pair->Kill();
+            pair = std::make_unique<CHangingPair>(kill);
+        }
     }
-    tally.witness = pair->StopWitness();
+    tally.witness += pair->StopWitness();
     pair->Kill();
     return tally;
 }
