@@ -65,11 +65,20 @@ private:
                 if (dbus_connection_get_dispatch_status(m_port.m_connection) == DBUS_DISPATCH_COMPLETE)
                 {
                     m_io.Wait(m_port.m_connection, -1);
-                    m_io.Read(m_port.m_connection);
+                    ReadUnlessEnded();
                 }
             }
         }
         m_port.StopReading(); // callers that wait for this thread go on by themselves
+    }
+
+    /// When the delivery ends, a caller may be reading its reply, and would never hear of what is read here.
+    void ReadUnlessEnded()
+    {
+        if (m_io.delivering)
+        {
+            m_io.Read(m_port.m_connection);
+        }
     }
 
     void RunHandlers()

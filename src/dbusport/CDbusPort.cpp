@@ -127,7 +127,7 @@ void CDbusPort::Open(bool bUseAsync)
             return;
         }
         StartReceiver();
-        StartRemembering();
+        MatchNamesThatGo();
     }
     logDebug() << "CDbusPort created : bUseAsync = " << m_bUseAsync;
 }

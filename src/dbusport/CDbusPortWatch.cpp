@@ -248,22 +248,22 @@ bool CDbusPort::MatchNamesThatGo()
 
 void CDbusPort::HandleMatch(DBusMessage* answer)
 {
-    if (answer != nullptr && dbus_message_get_type(answer) == DBUS_MESSAGE_TYPE_ERROR)
+    if (answer == nullptr)
     {
-        m_watch->remembers = false;
-        dbus::CError error;
-        dbus_set_error_from_message(error.Get(), answer);
-        logFailure(error.Message());
+        return; // the bus is lost
     }
-}
-
-void CDbusPort::StartRemembering()
-{
-    m_watch->remembers = m_options.rememberPeers; // before the bus may refuse
-    if (!MatchNamesThatGo())
+    dbus::CError error;
+    if (!dbus_set_error_from_message(error.Get(), answer))
     {
-        m_watch->remembers = false;
+        // Not before the receiver, which holds its first dispatch back, takes in who has left.
+        m_watch->remembers = m_options.rememberPeers;
+        return;
     }
+    {
+        std::lock_guard<std::recursive_mutex> const lock(m_sendMutex);
+        m_watch->matched = false; // the next watch asks again
+    }
+    logFailure(error.Message());
 }
 
 bool CDbusPort::MayRemember(std::string const& name) const

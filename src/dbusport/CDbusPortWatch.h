@@ -36,7 +36,7 @@ public:
     internal_guarded::CGuardedFunction<> lostListener;
 
     bool matched = false;               // the bus sends names that go; guarded by the port's send mutex
-    std::atomic<bool> remembers{false}; // matched, and for good
+    std::atomic<bool> remembers{false}; // the bus has said that it sends them, and is to for good
 
     std::mutex mutex;
 

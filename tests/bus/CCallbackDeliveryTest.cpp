@@ -1,4 +1,5 @@
 #include "BusTest.h"
+#include "CChildProcess.h"
 #include "ThreadSwitches.h"
 
 #include <sys/syscall.h>
@@ -273,6 +274,12 @@ TEST_F(CCallbackDeliveryOnBus, LeavesCallsTheirTimeout)
     EXPECT_LT(since(start), seconds(5));
     EXPECT_EQ(1, countLinesThatBegin(log, ELevel::Error, "Dbus error: "));
     EXPECT_EQ(1, countLines(log, ELevel::Error, "CDbusPort::SendMessage received empty reply"));
+}
+
+TEST_F(CCallbackDeliveryOnBus, TakesNoReplyAtItsEndFromACallerWhoReadsIt)
+{
+    CChildProcess program({NELO_RPC_BUS_DIR "/DeliveryEndProgram", CPrivateBus::UniqueName()});
+    EXPECT_EQ("answered", program.ReadLine().value_or("nothing"));
 }
 
 TEST_F(CCallbackDeliveryOnBus, BringsAReplyThatComesBehindACallback)

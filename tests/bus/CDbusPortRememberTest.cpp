@@ -16,9 +16,13 @@ protected:
         return options;
     }
 
+    /// The port knows of nobody before the bus has said that it is told of those that leave.
+    void SetUp() override { ASSERT_NE(nullptr, m_asker.Call(rawCall(m_server, "/elsewhere").get())); }
+
     int Add(CRawPeer const& peer) { return m_port.AddConnection(peer.GetUniqueName()); }
 
     CDbusPort m_port{m_server.c_str(), true, Remembering()};
+    CRawPeer m_asker;
 };
 
 } // namespace
@@ -57,6 +61,20 @@ TEST_F(CDbusPortRemember, HearsOfAPeerThatLeaves)
     EXPECT_FALSE(m_port.SendCallback(listOf(1), id));
     EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::IsConnected returns false"));
     EXPECT_EQ(1, countLines(log, ELevel::Debug, "CDbusPort::SendCallback failed, can't connect to " + name));
+}
+
+TEST_F(CDbusPortRemember, AsksEachTimeUntilItHearsOfThoseThatLeave)
+{
+    nelo_rpc::SPortOptions options = Remembering();
+    options.waitForListener = true;
+    CDbusPort port(m_client.c_str(), true, options); // reads nothing
+    auto peer = std::make_unique<CRawPeer>();
+    int const id = port.AddConnection(peer->GetUniqueName());
+    EXPECT_TRUE(port.IsConnected(id));
+    peer.reset();
+
+    EXPECT_TRUE(eventually([&] { return !port.IsConnected(id); }));
+    EXPECT_FALSE(port.SendCallback(listOf(1), id));
 }
 
 TEST_F(CDbusPortRemember, LogsAsAPortThatAsks)

@@ -233,7 +233,6 @@ private:
     void Unfilter();
     bool MatchNamesThatGo();
     void HandleMatch(DBusMessage* answer);
-    void StartRemembering();
     void AskForNames();
     bool HandleNews(DBusMessage* message, std::string const& sender);
     void HandleGoneName(std::string const& name);
