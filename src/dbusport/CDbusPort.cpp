@@ -639,6 +639,12 @@ bool CDbusPort::StartReading(EReader reader)
         }
         m_io->reader = reader;
     }
+    if (reader == EReader::Loop)
+    {
+        // At its default limit the bus library would stop reading, the answers included that a call reads past
+        // callbacks which the loop has yet to dispatch.
+        dbus_connection_set_max_received_size(m_connection, std::numeric_limits<long>::max());
+    }
     Filter();
     m_io->asyncCalls.Accept(m_connection);
     return true;

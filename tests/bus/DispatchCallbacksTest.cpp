@@ -324,6 +324,22 @@ TEST_F(CDispatchCallbacks, LetsAHandlerCall)
     EXPECT_EQ((std::vector<int>{10, 20, 30}), m_received);
 }
 
+TEST_F(CDispatchCallbacks, LeavesCallsTheirAnswersHoweverMuchIsYetToBeDispatched)
+{
+    constexpr int COUNT = 9; // more than the bus library keeps by default
+    std::string const text(8 * 1024 * 1024, 'x');
+    for (int i = 0; i < COUNT; ++i)
+    {
+        CValueList callback = listOf(i);
+        callback[1] = nelo_rpc::types::makeValue<std::string>(text);
+        ASSERT_TRUE(m_serverPort.SendCallback(callback, m_clientId));
+    }
+    EXPECT_EQ(7, intOf(m_port.CallFunction(listOf(7), 0)));
+
+    EXPECT_TRUE(DispatchUntil(COUNT));
+    EXPECT_EQ(Range(COUNT), m_received);
+}
+
 TEST_F(CDispatchCallbacks, LeavesTheDescriptorUsableAfterTheLossOfTheBus)
 {
     CBusOutage const outage;
