@@ -7,6 +7,7 @@
 
 #include "CGate.h"
 #include "CInbox.h"
+#include "Eventually.h"
 #include "ProgramSupport.h"
 
 #include <nelo_rpc/nelo_rpc.h>
@@ -15,6 +16,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -27,13 +29,14 @@ using nelo_rpc::types::CValueList;
 namespace
 {
 
-CGate g_readerSleeps;
 CGate g_callerWaits;
 CGate g_readerIsWoken; // by the end of the delivery
 CGate g_replyIsThere;
 
 CInbox<CRpcPort::ReplyFunction> g_calls;
 CGate g_deliveryEnded;
+
+std::atomic<bool> g_readerWaits{false};
 
 thread_local int t_waitsOfCaller = -1; // on no other thread
 
@@ -53,7 +56,7 @@ int pollOfSystem(pollfd* fds, nfds_t count, int timeoutMs)
 void letTheReplyArrive(pollfd* fds, nfds_t count)
 {
     g_readerIsWoken.Wait();
-    g_calls.All().front()({{0, nelo_rpc::types::packValue<int>(1)}});
+    g_calls.All().back()({{0, nelo_rpc::types::packValue<int>(1)}});
     pollOfSystem(fds, count, 20000);
     g_replyIsThere.Open();
     g_deliveryEnded.Wait();
@@ -83,12 +86,10 @@ extern "C" int poll(pollfd* fds, nfds_t count, int timeoutMs)
 extern "C" int epoll_wait(int epollFd, epoll_event* events, int maxEvents, int timeoutMs)
 {
     bool const isReader = timeoutMs < 0; // receivers look again after a while
-    if (isReader)
-    {
-        g_readerSleeps.Open();
-    }
+    g_readerWaits = g_readerWaits || isReader;
     static auto* const function = functionOfSystem<int(int, epoll_event*, int, int)>("epoll_wait");
     int const count = function(epollFd, events, maxEvents, timeoutMs);
+    g_readerWaits = g_readerWaits && !isReader;
     if (isReader && g_callerWaits.IsOpen())
     {
         g_readerIsWoken.Open();
@@ -110,14 +111,20 @@ int main(int argc, char** argv)
     CDbusPort client("", argv[1], false);
     client.SetTimeoutMs(10000); // when a caller looks once more
     auto delivery = std::make_unique<CCallbackDelivery>(client);
-    g_readerSleeps.Wait();
+
+    // What the bus has to say to a new connection is read before the reply to this one. Then nothing wakes the reader.
+    auto first = std::async(std::launch::async, [&] { return client.CallFunction({}, 0).size(); });
+    g_calls.WaitForCount(1);
+    g_calls.All().front()({});
+    first.wait();
+    eventually([] { return g_readerWaits.load(); });
 
     auto call = std::async(std::launch::async, [&] {
         t_waitsOfCaller = 0;
         return client.CallFunction({}, 0).size();
     });
     g_callerWaits.Wait();
-    g_calls.WaitForCount(1);
+    g_calls.WaitForCount(2);
     delivery.reset();
     g_deliveryEnded.Open();
     bool const isInTime = call.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
