@@ -213,15 +213,25 @@ private:
     {
         for (int i = 0; !m_stop; ++i)
         {
+            for (CStepper* last = nullptr; TickSome(i, last) && !m_stop;)
             {
-                std::lock_guard<std::mutex> lock(m_mutex); // none of them is destroyed meanwhile
-                for (CStepper* stepper : m_steppers)
-                {
-                    stepper->OnTick.Send(i);
-                }
             }
             std::this_thread::sleep_for(m_period);
         }
+    }
+
+    /// Sends to some of those behind `last`. False when there are no more.
+    bool TickSome(int tick, CStepper*& last)
+    {
+        constexpr int AT_ONCE = 50;                // those who come and go wait for so many
+        std::lock_guard<std::mutex> lock(m_mutex); // none of them is destroyed meanwhile
+        auto stepper = m_steppers.upper_bound(last);
+        for (int sent = 0; sent < AT_ONCE && stepper != m_steppers.end(); ++sent, ++stepper)
+        {
+            (*stepper)->OnTick.Send(tick);
+            last = *stepper;
+        }
+        return stepper != m_steppers.end();
     }
 
     std::chrono::milliseconds m_period{0};

@@ -3,8 +3,9 @@
 // The bus library is not instrumented. What it orders by atomic operations of its own cannot be seen, and it takes its
 // own locks of connections in more than one order, so it is reported for races and inversions that are its own affair.
 // These reports are dropped: those in which nothing but the bus library takes part, and those in which it frees memory
-// that somebody has read. We read a message while we hold a reference to it; the count that makes the last holder free it
-// is one of those atomic operations. A read that came too late is what AddressSanitizer looks for.
+// that somebody has read, or writes to it. We read a message while we hold a reference to it; the count that makes the
+// last holder free it, or keep it for the next message, is one of those atomic operations. A read that came too late is
+// what AddressSanitizer looks for.
 //
 // A list of suppressions cannot say so. It looks at whole stacks, so it would drop all that happens below the bus
 // library, which is everything that runs in a message handler; and a suppression of all that the bus library calls would
@@ -93,13 +94,18 @@ bool isBusLibrarysOwn(void* report)
                            sleepTrace, 1);
 
     bool allAreItsOwn = accesses + stacks > 0;
+    bool isWrittenByIt = false;
+    bool isWrittenByOthers = false;
     for (int i = 0; i < accesses; ++i)
     {
         void* trace[TRACE_SIZE] = {};
         void* address = nullptr;
-        __tsan_get_report_mop(report, static_cast<unsigned long>(i), &ignored, &address, &ignored, &ignored, &ignored,
+        int isWrite = 0;
+        __tsan_get_report_mop(report, static_cast<unsigned long>(i), &ignored, &address, &ignored, &isWrite, &ignored,
                               trace, TRACE_SIZE);
         bool const isItsOwn = isCalledByBusLibrary(trace);
+        isWrittenByIt = isWrittenByIt || (isItsOwn && isWrite != 0);
+        isWrittenByOthers = isWrittenByOthers || (!isItsOwn && isWrite != 0);
         if (isItsOwn && isFree(trace))
         {
             return true;
@@ -112,7 +118,7 @@ bool isBusLibrarysOwn(void* report)
         __tsan_get_report_stack(report, static_cast<unsigned long>(i), trace, TRACE_SIZE);
         allAreItsOwn = allAreItsOwn && isCalledByBusLibrary(trace);
     }
-    return allAreItsOwn;
+    return allAreItsOwn || (isWrittenByIt && !isWrittenByOthers);
 }
 
 } // namespace
