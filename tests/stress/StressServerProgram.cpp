@@ -163,7 +163,8 @@ private:
     int m_clientId = 0;
 };
 
-/// Sends OnTick to all steppers that live, from a thread of its own.
+/// Sends OnTick to the steppers that live, from a thread of its own; to no more than some at once, for 100000 actors are
+/// one campaign, and callbacks without an end are another.
 class CTicker
 {
 public:
@@ -195,7 +196,10 @@ public:
         if (m_period.count() > 0)
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_steppers.insert(stepper);
+            if (m_steppers.size() < MOST)
+            {
+                m_steppers.insert(stepper);
+            }
         }
     }
 
@@ -213,26 +217,18 @@ private:
     {
         for (int i = 0; !m_stop; ++i)
         {
-            for (CStepper* last = nullptr; TickSome(i, last) && !m_stop;)
             {
+                std::lock_guard<std::mutex> lock(m_mutex); // none of them is destroyed meanwhile
+                for (CStepper* stepper : m_steppers)
+                {
+                    stepper->OnTick.Send(i);
+                }
             }
             std::this_thread::sleep_for(m_period);
         }
     }
 
-    /// Sends to some of those behind `last`. False when there are no more.
-    bool TickSome(int tick, CStepper*& last)
-    {
-        constexpr int AT_ONCE = 50;                // those who come and go wait for so many
-        std::lock_guard<std::mutex> lock(m_mutex); // none of them is destroyed meanwhile
-        auto stepper = m_steppers.upper_bound(last);
-        for (int sent = 0; sent < AT_ONCE && stepper != m_steppers.end(); ++sent, ++stepper)
-        {
-            (*stepper)->OnTick.Send(tick);
-            last = *stepper;
-        }
-        return stepper != m_steppers.end();
-    }
+    static constexpr std::size_t MOST = 1000;
 
     std::chrono::milliseconds m_period{0};
     std::atomic<bool> m_stop{false};
