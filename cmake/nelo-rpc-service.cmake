@@ -39,6 +39,7 @@ function(nelo_rpc_write_service folder name executable unit user group everybody
         string(CONFIGURE "${callers_template}" policy @ONLY)
         string(APPEND callers "${policy}")
     endforeach()
+    string(REPLACE "%" "%%" description "${description}") # which systemd would take for the beginning of a specifier
     configure_file(${templates}/bus-policy.in ${folder}/${name}.conf @ONLY)
     configure_file(${templates}/unit.in ${folder}/unit/${unit} @ONLY)
     configure_file(${templates}/activation.in ${folder}/${name}.service @ONLY)

@@ -95,6 +95,10 @@ class Files(unittest.TestCase):
         faults = [line for line in done.stderr.splitlines() if "probe.service" in line]
         self.assertEqual([], faults)
 
+    def test_a_description_is_shown_as_it_was_given(self):
+        unit = (install("DESCRIPTION", "keeps 50 % free") / "lib/systemd/system/probe.service").read_text()
+        self.assertIn("\nDescription=keeps 50 %% free\n", unit)
+
     def test_nothing_of_a_template_is_left(self):
         prefix = install("ACTIVATABLE")
         for file in prefix.rglob("*"):
