@@ -566,11 +566,11 @@ TEST_F(CutOff, AWorkerInsideALineAboutItsOwnStopHoldsNobodyUp)
 
 TEST_F(CutOff, AClientThatCannotBeToldOfItsKillHoldsUpNoOther)
 {
+    CGate stalled;
+    CGate release;
     CThingServer server(atCancellationPoint());
     int const id = server.Ctor(4);
     int const other = server.Ctor(5);
-    CGate stalled;
-    CGate release;
     server.port.OnSendCallback([&](types::CValueList const&, int connectionId) {
         if (connectionId == 4)
         {
@@ -591,11 +591,11 @@ TEST_F(CutOff, AClientThatCannotBeToldOfItsKillHoldsUpNoOther)
 
 TEST_F(CutOff, AClientThatCannotBeAnsweredHoldsUpNoOther)
 {
+    CGate stalled;
+    CGate release;
     CThingServer server(atCancellationPoint());
     int const id = server.Ctor(4);
     int const other = server.Ctor(5);
-    CGate stalled;
-    CGate release;
     server.run = [](CThing&) { ::sleep(60); };
     server.port.OnFunctionCall(callOf(id, "Thing", "Run"), 4, [&](types::CValueList const&) {
         stalled.Open();
@@ -611,12 +611,12 @@ TEST_F(CutOff, AClientThatCannotBeAnsweredHoldsUpNoOther)
 
 TEST_F(CutOff, AThreadOfTheApplicationThatStallsInASendHoldsUpNoOther)
 {
+    CGate stalled;
+    CGate release;
     CThingServer server(atCancellationPoint());
     int const id = server.Ctor(4);
     CThing* const thing = server.LastThing();
     int const other = server.Ctor(5);
-    CGate stalled;
-    CGate release;
     server.port.OnSendCallback([&](types::CValueList const& callback, int) {
         if (types::unpackAt<std::string>(callback, protocol::METHOD_NAME) == "OnChanged")
         {
@@ -751,6 +751,7 @@ TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromTheLog)
 
 TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromItsWatchdog)
 {
+    CGate ended;
     CThingServer server(atCancellationPoint());
     int const id = server.Ctor(4);
     server.port.SetSendResult(false); // so that the worker posts a removal, and has it watched
@@ -764,7 +765,6 @@ TEST_F(CutOff, AHostMayBeDestroyedBeforeAWorkerComesBackFromItsWatchdog)
     ASSERT_TRUE(m_spin.WaitUntilEntered());
 
     // From another thread: it must not be the test that waits for ever.
-    CGate ended;
     std::thread application([&] {
         server.host.reset();
         ended.Open();
