@@ -4,8 +4,9 @@
 // own locks of connections in more than one order, so it is reported for races and inversions that are its own affair.
 // These reports are dropped: those in which nothing but the bus library takes part, and those in which it frees memory
 // that somebody has read, or writes to it. We read a message while we hold a reference to it; the count that makes the
-// last holder free it, or keep it for the next message, is one of those atomic operations. A read that came too late is
-// what AddressSanitizer looks for.
+// last holder free it, or keep it for the next message, is one of those atomic operations. A read of
+// freed memory that came too late is what AddressSanitizer looks for; one of a message that was kept for the next shows
+// as wrong contents only.
 //
 // A list of suppressions cannot say so. It looks at whole stacks, so it would drop all that happens below the bus
 // library, which is everything that runs in a message handler; and a suppression of all that the bus library calls would
